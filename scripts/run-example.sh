@@ -1,0 +1,8 @@
+#!/usr/bin/env bash
+# Builds the libraries and the example program, and runs it.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/setup.sh
+cmake -S . -B build/example -DQEL_BUILD_TESTS=OFF >/dev/null
+cmake --build build/example -j"$(nproc)" --target first_steps
+./build/example/examples/first_steps

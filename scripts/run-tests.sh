@@ -1,0 +1,19 @@
+#!/usr/bin/env bash
+# Builds and runs the whole test suite twice: in a plain build, and in a build with the
+# address and undefined-behaviour sanitizers.  Fails on any failing test.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/setup.sh
+jobs=$(nproc)
+
+run_suite() {
+  local name=$1 sanitize=$2
+  echo "==== $name build"
+  cmake -S . -B "build/$name" -DQEL_SANITIZE="$sanitize" >/dev/null
+  cmake --build "build/$name" -j"$jobs"
+  echo "==== $name tests"
+  (cd "build/$name" && ctest -j"$jobs" --output-on-failure --timeout 300)
+}
+
+run_suite plain ""
+run_suite sanitize "address,undefined"
