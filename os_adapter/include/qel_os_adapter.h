@@ -1,0 +1,14 @@
+/*
+ * qel_os_adapter.h - the whole interface of libqel_os_adapter.
+ *
+ * Applications include this header (or one family header) and link with
+ * -lqel_os_adapter; see each family header for its functions.
+ */
+#ifndef QEL_OS_ADAPTER_H
+#define QEL_OS_ADAPTER_H
+
+#include "qel_frame.h"
+#include "qel_string.h"
+#include "qel_memory.h"
+
+#endif /* QEL_OS_ADAPTER_H */
