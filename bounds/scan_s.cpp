@@ -21,14 +21,12 @@
 #include <cstdlib>
 #include <cstring>
 
-#define QEL_BOUNDS_API __attribute__((visibility("default")))
+#include "bounds_internal.h"
 
 namespace {
 
-// Largest accepted destination size, in characters, terminator included.
-constexpr std::uint32_t kMaxDestSize = 0x7fffffffU;
 // Longest buffer scanned; a longer (or empty) one is refused.
-constexpr std::size_t kMaxInputLength = 0x7fffffffU;
+constexpr std::size_t kMaxInputLength = qel_bounds::kMaxSize;
 
 // Values returned by the input cursor besides characters 0..255.
 constexpr int kEndOfInput = -1;  // a read met the end of the buffer
@@ -288,7 +286,7 @@ Step Scanner::scanString(const Directive &d, const CharSet *set, bool setClosed)
         if (dest == nullptr) {
             return Step::NullArg;
         }
-        if (size == 0 || size > kMaxDestSize) {
+        if (qel_bounds::dest_size_invalid(size)) {
             return Step::Stopped;
         }
     }
@@ -717,7 +715,7 @@ int scan(const char *buffer, std::size_t length, const char *format, Args &args)
 
 extern "C" {
 
-QEL_BOUNDS_API int vsscanf_s(const char *buffer, const char *format, va_list argList)
+int vsscanf_s(const char *buffer, const char *format, va_list argList)
 {
     if (buffer == nullptr || format == nullptr) {
         return -1;
@@ -736,7 +734,7 @@ QEL_BOUNDS_API int vsscanf_s(const char *buffer, const char *format, va_list arg
     return result;
 }
 
-QEL_BOUNDS_API int sscanf_s(const char *buffer, const char *format, ...)
+int sscanf_s(const char *buffer, const char *format, ...)
 {
     va_list argList;
     va_start(argList, format);
