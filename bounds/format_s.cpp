@@ -71,8 +71,7 @@ struct Sink {
 
     size_t room() const { return cap - len; }
 
-    bool put(char c)
-    {
+    bool put(char c) {
         if (len == cap) {
             full = true;
             return false;
@@ -81,8 +80,7 @@ struct Sink {
         return true;
     }
 
-    bool write(const char *s, size_t n)
-    {
+    bool write(const char *s, size_t n) {
         const size_t take = n <= room() ? n : room();
         memcpy(buf + len, s, take);
         len += take;
@@ -93,8 +91,7 @@ struct Sink {
         return true;
     }
 
-    bool fill(char c, size_t n)
-    {
+    bool fill(char c, size_t n) {
         const size_t take = n <= room() ? n : room();
         memset(buf + len, c, take);
         len += take;
@@ -118,7 +115,7 @@ struct Directive {
     bool alt = false;
     bool zero = false;
     int width = 0;
-    int precision = -1; // -1: none given
+    int precision = -1;  // -1: none given
     Length length = Length::none;
     char conv = '\0';
 };
@@ -128,18 +125,11 @@ struct Args {
     va_list ap;
 };
 
-constexpr bool is_digit(char c)
-{
-    return c >= '0' && c <= '9';
-}
+constexpr bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
-constexpr bool is_flag(char c)
-{
-    return c == '-' || c == '+' || c == ' ' || c == '#' || c == '0';
-}
+constexpr bool is_flag(char c) { return c == '-' || c == '+' || c == ' ' || c == '#' || c == '0'; }
 
-constexpr bool is_conversion(char c)
-{
+constexpr bool is_conversion(char c) {
     constexpr char kConversions[] = "diuoxXcspeEfFgGCS";
     for (char k : kConversions) {
         if (k != '\0' && k == c) {
@@ -149,25 +139,22 @@ constexpr bool is_conversion(char c)
     return false;
 }
 
-constexpr bool is_int_conversion_after_I(char c)
-{
+constexpr bool is_int_conversion_after_I(char c) {
     return c == 'd' || c == 'i' || c == 'o' || c == 'u' || c == 'x' || c == 'X';
 }
 
-void set_flag(Directive &d, char c)
-{
+void set_flag(Directive &d, char c) {
     switch (c) {
-    case '-': d.left = true; break;
-    case '+': d.plus = true; break;
-    case ' ': d.space = true; break;
-    case '#': d.alt = true; break;
-    default: d.zero = true; break;
+        case '-': d.left = true; break;
+        case '+': d.plus = true; break;
+        case ' ': d.space = true; break;
+        case '#': d.alt = true; break;
+        default: d.zero = true; break;
     }
 }
 
 // Appends one decimal digit to a width or precision; false once it exceeds kMaxWidth.
-bool add_digit(int &value, char c)
-{
+bool add_digit(int &value, char c) {
     const int digit = c - '0';
     if (value > (kMaxWidth - digit) / 10) {
         return false;
@@ -183,76 +170,93 @@ enum class Stage { start, flags, width_digits, width_star, dot, precision_digits
 
 // Reads the length modifier at p, if any.  Returns false for "%I" that is not a
 // length modifier (the caller prints it as a literal 'I').
-bool parse_length(const char *&p, Length &length)
-{
+bool parse_length(const char *&p, Length &length) {
     switch (*p) {
-    case 'h':
-        if (p[1] == 'h') {
-            length = Length::hh;
-            p += 2;
-        } else {
-            length = Length::h;
-            ++p;
-        }
-        return true;
-    case 'l':
-        if (p[1] == 'l') {
-            length = Length::ll;
-            p += 2;
-        } else {
-            length = Length::l;
-            ++p;
-        }
-        return true;
-    case 'L': length = Length::L; ++p; return true;
-    case 'q': length = Length::q; ++p; return true;
-    case 'j': length = Length::j; ++p; return true;
-    case 'z': length = Length::z; ++p; return true;
-    case 'Z': length = Length::Z; ++p; return true;
-    case 't': length = Length::t; ++p; return true;
-    case 'w': length = Length::w; ++p; return true;
-    case 'I':
-        if (p[1] == '6' && p[2] == '4') {
-            length = Length::I64;
-            p += 3;
+        case 'h':
+            if (p[1] == 'h') {
+                length = Length::hh;
+                p += 2;
+            } else {
+                length = Length::h;
+                ++p;
+            }
             return true;
-        }
-        if (p[1] == '3' && p[2] == '2') {
-            length = Length::I32;
-            p += 3;
+        case 'l':
+            if (p[1] == 'l') {
+                length = Length::ll;
+                p += 2;
+            } else {
+                length = Length::l;
+                ++p;
+            }
             return true;
-        }
-        if (is_int_conversion_after_I(p[1])) {
-            length = Length::I;
+        case 'L':
+            length = Length::L;
             ++p;
             return true;
-        }
-        ++p;
-        return false;
-    default:
-        return true;
+        case 'q':
+            length = Length::q;
+            ++p;
+            return true;
+        case 'j':
+            length = Length::j;
+            ++p;
+            return true;
+        case 'z':
+            length = Length::z;
+            ++p;
+            return true;
+        case 'Z':
+            length = Length::Z;
+            ++p;
+            return true;
+        case 't':
+            length = Length::t;
+            ++p;
+            return true;
+        case 'w':
+            length = Length::w;
+            ++p;
+            return true;
+        case 'I':
+            if (p[1] == '6' && p[2] == '4') {
+                length = Length::I64;
+                p += 3;
+                return true;
+            }
+            if (p[1] == '3' && p[2] == '2') {
+                length = Length::I32;
+                p += 3;
+                return true;
+            }
+            if (is_int_conversion_after_I(p[1])) {
+                length = Length::I;
+                ++p;
+                return true;
+            }
+            ++p;
+            return false;
+        default: return true;
     }
 }
 
-constexpr bool is_length_start(char c)
-{
+constexpr bool is_length_start(char c) {
     return c == 'h' || c == 'l' || c == 'L' || c == 'q' || c == 'j' || c == 'z' || c == 'Z' ||
            c == 't' || c == 'w' || c == 'I';
 }
 
 // Parses the directive that follows a '%'; p is left after it.  '*' arguments are
 // taken from args as they are met.
-Parsed parse_directive(const char *&p, Directive &d, Args &args)
-{
+Parsed parse_directive(const char *&p, Directive &d, Args &args) {
     Stage stage = Stage::start;
     for (;;) {
         const char c = *p;
         if (c == '\0') {
-            return Parsed::bad_format; // the format ends inside the directive
+            return Parsed::bad_format;  // the format ends inside the directive
         }
         if (c == '%') {
             if (stage != Stage::start) {
-                return Parsed::bad_format; // "%5%", "%-%"
+                return Parsed::bad_format;  // "%5%", "%-%"
             }
             ++p;
             return Parsed::percent;
@@ -261,8 +265,9 @@ Parsed parse_directive(const char *&p, Directive &d, Args &args)
         const bool zeroIsDigit =
             stage == Stage::width_digits || stage == Stage::dot || stage == Stage::precision_digits;
         if (is_flag(c) && !(c == '0' && zeroIsDigit)) {
-            if (stage == Stage::dot || stage == Stage::precision_digits || stage == Stage::precision_star) {
-                return Parsed::bad_format; // no flags once the precision has begun
+            if (stage == Stage::dot || stage == Stage::precision_digits ||
+                stage == Stage::precision_star) {
+                return Parsed::bad_format;  // no flags once the precision has begun
             }
             set_flag(d, c);
             stage = Stage::flags;
@@ -272,24 +277,20 @@ Parsed parse_directive(const char *&p, Directive &d, Args &args)
 
         if (is_digit(c)) {
             switch (stage) {
-            case Stage::start:
-            case Stage::flags:
-                d.width = 0; // digits after a flag start a new width
-                stage = Stage::width_digits;
-                break;
-            case Stage::dot:
-                stage = Stage::precision_digits;
-                break;
-            case Stage::width_digits:
-            case Stage::precision_digits:
-                break;
-            case Stage::width_star:
-            case Stage::precision_star:
-                return Parsed::bad_format; // digits after '*'
+                case Stage::start:
+                case Stage::flags:
+                    d.width = 0;  // digits after a flag start a new width
+                    stage = Stage::width_digits;
+                    break;
+                case Stage::dot: stage = Stage::precision_digits; break;
+                case Stage::width_digits:
+                case Stage::precision_digits: break;
+                case Stage::width_star:
+                case Stage::precision_star: return Parsed::bad_format;  // digits after '*'
             }
             int &target = stage == Stage::width_digits ? d.width : d.precision;
             if (!add_digit(target, c)) {
-                return Parsed::bad_format; // width or precision too large
+                return Parsed::bad_format;  // width or precision too large
             }
             ++p;
             continue;
@@ -315,15 +316,16 @@ Parsed parse_directive(const char *&p, Directive &d, Args &args)
                 d.precision = value < 0 ? -1 : value;
                 stage = Stage::precision_star;
             } else {
-                return Parsed::bad_format; // '*' after width or precision digits, or twice
+                return Parsed::bad_format;  // '*' after width or precision digits, or twice
             }
             ++p;
             continue;
         }
 
         if (c == '.') {
-            if (stage == Stage::dot || stage == Stage::precision_digits || stage == Stage::precision_star) {
-                return Parsed::bad_format; // a second '.'
+            if (stage == Stage::dot || stage == Stage::precision_digits ||
+                stage == Stage::precision_star) {
+                return Parsed::bad_format;  // a second '.'
             }
             d.precision = 0;
             stage = Stage::dot;
@@ -340,7 +342,7 @@ Parsed parse_directive(const char *&p, Directive &d, Args &args)
                 return Parsed::bad_format;
             }
         } else if (!is_conversion(c)) {
-            return Parsed::bad_format; // %n, %a, %m, positional "%1$d", the ' flag, ...
+            return Parsed::bad_format;  // %n, %a, %m, positional "%1$d", the ' flag, ...
         }
         d.conv = *p++;
         return Parsed::directive;
@@ -352,8 +354,7 @@ Parsed parse_directive(const char *&p, Directive &d, Args &args)
 
 // Writes text of n bytes padded to the directive's width with spaces (glibc ignores
 // the '0' flag for strings and characters).
-bool emit_padded_text(Sink &out, const Directive &d, const char *text, size_t n)
-{
+bool emit_padded_text(Sink &out, const Directive &d, const char *text, size_t n) {
     const size_t width = static_cast<size_t>(d.width);
     const size_t pad = width > n ? width - n : 0;
     if (!d.left && !out.fill(' ', pad)) {
@@ -369,8 +370,7 @@ constexpr char kNullString[] = "(null)";
 constexpr size_t kNullStringLen = sizeof(kNullString) - 1;
 
 // "(null)" as "%s" prints it: the precision applies to it like to any string.
-bool emit_null_string(Sink &out, const Directive &d)
-{
+bool emit_null_string(Sink &out, const Directive &d) {
     size_t n = kNullStringLen;
     if (d.precision >= 0 && static_cast<size_t>(d.precision) < n) {
         n = static_cast<size_t>(d.precision);
@@ -383,25 +383,24 @@ struct IntValue {
     bool negative;
 };
 
-IntValue fetch_signed(Args &args, Length length)
-{
+IntValue fetch_signed(Args &args, Length length) {
     long long v = 0;
     switch (length) {
-    case Length::hh: v = static_cast<signed char>(va_arg(args.ap, int)); break;
-    case Length::h: v = static_cast<short>(va_arg(args.ap, int)); break;
-    case Length::none:
-    case Length::w:
-    case Length::I32: v = va_arg(args.ap, int); break;
-    case Length::l: v = va_arg(args.ap, long); break;
-    case Length::ll:
-    case Length::L:
-    case Length::q: v = va_arg(args.ap, long long); break;
-    case Length::j: v = va_arg(args.ap, intmax_t); break;
-    case Length::z:
-    case Length::Z:
-    case Length::t: v = va_arg(args.ap, ptrdiff_t); break;
-    case Length::I: v = va_arg(args.ap, intptr_t); break;
-    case Length::I64: v = va_arg(args.ap, int64_t); break;
+        case Length::hh: v = static_cast<signed char>(va_arg(args.ap, int)); break;
+        case Length::h: v = static_cast<short>(va_arg(args.ap, int)); break;
+        case Length::none:
+        case Length::w:
+        case Length::I32: v = va_arg(args.ap, int); break;
+        case Length::l: v = va_arg(args.ap, long); break;
+        case Length::ll:
+        case Length::L:
+        case Length::q: v = va_arg(args.ap, long long); break;
+        case Length::j: v = va_arg(args.ap, intmax_t); break;
+        case Length::z:
+        case Length::Z:
+        case Length::t: v = va_arg(args.ap, ptrdiff_t); break;
+        case Length::I: v = va_arg(args.ap, intptr_t); break;
+        case Length::I64: v = va_arg(args.ap, int64_t); break;
     }
     if (v < 0) {
         // Negate in unsigned arithmetic so LLONG_MIN has a magnitude too.
@@ -410,37 +409,36 @@ IntValue fetch_signed(Args &args, Length length)
     return {static_cast<std::uint64_t>(v), false};
 }
 
-std::uint64_t fetch_unsigned(Args &args, Length length)
-{
+std::uint64_t fetch_unsigned(Args &args, Length length) {
     switch (length) {
-    case Length::hh: return static_cast<unsigned char>(va_arg(args.ap, unsigned int));
-    case Length::h: return static_cast<unsigned short>(va_arg(args.ap, unsigned int));
-    case Length::none:
-    case Length::w:
-    case Length::I32: return va_arg(args.ap, unsigned int);
-    case Length::l: return va_arg(args.ap, unsigned long);
-    case Length::ll:
-    case Length::L:
-    case Length::q: return va_arg(args.ap, unsigned long long);
-    case Length::j: return va_arg(args.ap, uintmax_t);
-    case Length::z:
-    case Length::Z:
-    case Length::t: return va_arg(args.ap, size_t);
-    case Length::I: return va_arg(args.ap, uintptr_t);
-    case Length::I64: return va_arg(args.ap, uint64_t);
+        case Length::hh: return static_cast<unsigned char>(va_arg(args.ap, unsigned int));
+        case Length::h: return static_cast<unsigned short>(va_arg(args.ap, unsigned int));
+        case Length::none:
+        case Length::w:
+        case Length::I32: return va_arg(args.ap, unsigned int);
+        case Length::l: return va_arg(args.ap, unsigned long);
+        case Length::ll:
+        case Length::L:
+        case Length::q: return va_arg(args.ap, unsigned long long);
+        case Length::j: return va_arg(args.ap, uintmax_t);
+        case Length::z:
+        case Length::Z:
+        case Length::t: return va_arg(args.ap, size_t);
+        case Length::I: return va_arg(args.ap, uintptr_t);
+        case Length::I64: return va_arg(args.ap, uint64_t);
     }
     return 0;
 }
 
 // Writes an integer: [spaces] sign/prefix [zeros] digits [spaces].
 // base is 8, 10 or 16; prefix is "", "0x" or "0X".
-bool emit_integer(Sink &out, const Directive &d, IntValue value, unsigned base, bool upper, bool showSign,
-                  const char *prefix)
-{
+bool emit_integer(Sink &out, const Directive &d, IntValue value, unsigned base, bool upper,
+                  bool showSign, const char *prefix) {
     // 64 bits in octal take 22 digits.
     char digits[24];
     size_t nd = 0;
-    const int precision = d.precision < 0 ? 1 : (d.precision > kMaxIntPrecision ? kMaxIntPrecision : d.precision);
+    const int precision =
+        d.precision < 0 ? 1 : (d.precision > kMaxIntPrecision ? kMaxIntPrecision : d.precision);
     if (value.magnitude != 0 || precision != 0) {
         const char *const set = upper ? "0123456789ABCDEF" : "0123456789abcdef";
         char reversed[24];
@@ -456,7 +454,7 @@ bool emit_integer(Sink &out, const Directive &d, IntValue value, unsigned base, 
 
     size_t zeros = static_cast<size_t>(precision) > nd ? static_cast<size_t>(precision) - nd : 0;
     if (base == 8 && d.alt && zeros == 0 && (nd == 0 || digits[0] != '0')) {
-        zeros = 1; // '#' makes the first octal digit a 0
+        zeros = 1;  // '#' makes the first octal digit a 0
     }
 
     char head[3];
@@ -478,17 +476,17 @@ bool emit_integer(Sink &out, const Directive &d, IntValue value, unsigned base, 
 
     if (!d.left) {
         if (d.zero && d.precision < 0) {
-            zeros += pad; // zero padding goes between the sign/prefix and the digits
+            zeros += pad;  // zero padding goes between the sign/prefix and the digits
         } else if (!out.fill(' ', pad)) {
             return false;
         }
         pad = 0;
     }
-    return out.write(head, headLen) && out.fill('0', zeros) && out.write(digits, nd) && out.fill(' ', pad);
+    return out.write(head, headLen) && out.fill('0', zeros) && out.write(digits, nd) &&
+           out.fill(' ', pad);
 }
 
-bool emit_pointer(Sink &out, const Directive &d, const void *ptr)
-{
+bool emit_pointer(Sink &out, const Directive &d, const void *ptr) {
     if (ptr == nullptr) {
         // Printed whole whatever the precision, padded with spaces.
         constexpr char kNil[] = "(nil)";
@@ -499,8 +497,7 @@ bool emit_pointer(Sink &out, const Directive &d, const void *ptr)
     return emit_integer(out, d, value, 16, false, true, "0x");
 }
 
-bool emit_string(Sink &out, const Directive &d, const char *s)
-{
+bool emit_string(Sink &out, const Directive &d, const char *s) {
     if (s == nullptr) {
         return emit_null_string(out, d);
     }
@@ -512,8 +509,7 @@ bool emit_string(Sink &out, const Directive &d, const char *s)
 // itself records running out of room.
 enum class WideResult { ok, stopped, unconvertible };
 
-WideResult emit_wide_char(Sink &out, const Directive &d, wint_t wc)
-{
+WideResult emit_wide_char(Sink &out, const Directive &d, wint_t wc) {
     char mb[MB_LEN_MAX];
     mbstate_t state{};
     const size_t n = wcrtomb(mb, static_cast<wchar_t>(wc), &state);
@@ -523,8 +519,7 @@ WideResult emit_wide_char(Sink &out, const Directive &d, wint_t wc)
     return emit_padded_text(out, d, mb, n) ? WideResult::ok : WideResult::stopped;
 }
 
-WideResult emit_wide_string(Sink &out, const Directive &d, const wchar_t *ws)
-{
+WideResult emit_wide_string(Sink &out, const Directive &d, const wchar_t *ws) {
     if (ws == nullptr) {
         return emit_null_string(out, d) ? WideResult::ok : WideResult::stopped;
     }
@@ -571,8 +566,7 @@ WideResult emit_wide_string(Sink &out, const Directive &d, const wchar_t *ws)
 
 // Rebuilds a floating-point directive as C text for snprintf: "%" flags width
 // .precision [L] conversion.
-void build_float_format(const Directive &d, bool longDouble, char *cText, size_t size)
-{
+void build_float_format(const Directive &d, bool longDouble, char *cText, size_t size) {
     char flags[6];
     size_t nf = 0;
     if (d.left) flags[nf++] = '-';
@@ -593,10 +587,10 @@ void build_float_format(const Directive &d, bool longDouble, char *cText, size_t
     snprintf(cText, size, "%%%s%s%s%s%c", flags, width, precision, longDouble ? "L" : "", d.conv);
 }
 
-Status emit_float(Sink &out, const Directive &d, Args &args)
-{
+Status emit_float(Sink &out, const Directive &d, Args &args) {
     // glibc reads a long double for L, q and ll.
-    const bool longDouble = d.length == Length::L || d.length == Length::q || d.length == Length::ll;
+    const bool longDouble =
+        d.length == Length::L || d.length == Length::q || d.length == Length::ll;
     long double ldValue = 0;
     double dValue = 0;
     if (longDouble) {
@@ -608,7 +602,8 @@ Status emit_float(Sink &out, const Directive &d, Args &args)
     build_float_format(d, longDouble, cText, sizeof(cText));
 
     auto render = [&](char *buf, size_t size) {
-        return longDouble ? snprintf(buf, size, cText, ldValue) : snprintf(buf, size, cText, dValue);
+        return longDouble ? snprintf(buf, size, cText, ldValue)
+                          : snprintf(buf, size, cText, dValue);
     };
 
     char local[512];
@@ -629,7 +624,7 @@ Status emit_float(Sink &out, const Directive &d, Args &args)
     }
     char *heap = static_cast<char *>(malloc(wanted + 1));
     if (heap == nullptr) {
-        return Status::bad_format; // no memory to produce the digits
+        return Status::bad_format;  // no memory to produce the digits
     }
     render(heap, wanted + 1);
     const bool fits = out.write(heap, wanted);
@@ -640,75 +635,73 @@ Status emit_float(Sink &out, const Directive &d, Args &args)
 // Whether a c/s/C/S directive is wide.  %C and %S always are.  As in glibc, which
 // reads every length of long size (l ll L q j z Z t) as "wide" for c and s, so do
 // those and our own w, I and I64; none, h, hh and I32 leave %c and %s narrow.
-bool is_wide(const Directive &d)
-{
+bool is_wide(const Directive &d) {
     if (d.conv == 'C' || d.conv == 'S') {
         return true;
     }
     switch (d.length) {
-    case Length::none:
-    case Length::h:
-    case Length::hh:
-    case Length::I32: return false;
-    default: return true;
+        case Length::none:
+        case Length::h:
+        case Length::hh:
+        case Length::I32: return false;
+        default: return true;
     }
 }
 
-Status from_bool(bool written)
-{
-    return written ? Status::ok : Status::truncated;
-}
+Status from_bool(bool written) { return written ? Status::ok : Status::truncated; }
 
-Status from_wide(WideResult r)
-{
+Status from_wide(WideResult r) {
     switch (r) {
-    case WideResult::ok: return Status::ok;
-    case WideResult::stopped: return Status::truncated;
-    case WideResult::unconvertible: break;
+        case WideResult::ok: return Status::ok;
+        case WideResult::stopped: return Status::truncated;
+        case WideResult::unconvertible: break;
     }
     return Status::bad_format;
 }
 
-Status emit_directive(Sink &out, const Directive &d, Args &args)
-{
+Status emit_directive(Sink &out, const Directive &d, Args &args) {
     switch (d.conv) {
-    case 'd':
-    case 'i': return from_bool(emit_integer(out, d, fetch_signed(args, d.length), 10, false, true, ""));
-    case 'u':
-        return from_bool(emit_integer(out, d, {fetch_unsigned(args, d.length), false}, 10, false, false, ""));
-    case 'o': return from_bool(emit_integer(out, d, {fetch_unsigned(args, d.length), false}, 8, false, false, ""));
-    case 'x':
-    case 'X': {
-        const IntValue value{fetch_unsigned(args, d.length), false};
-        const bool upper = d.conv == 'X';
-        // "%#x" of zero has no 0x, as in C.
-        const char *prefix = d.alt && value.magnitude != 0 ? (upper ? "0X" : "0x") : "";
-        return from_bool(emit_integer(out, d, value, 16, upper, false, prefix));
-    }
-    case 'p': return from_bool(emit_pointer(out, d, va_arg(args.ap, void *)));
-    case 'c':
-    case 'C':
-        if (is_wide(d)) {
-            return from_wide(emit_wide_char(out, d, va_arg(args.ap, wint_t)));
-        } else {
-            const char ch = static_cast<char>(va_arg(args.ap, int));
-            return from_bool(emit_padded_text(out, d, &ch, 1));
+        case 'd':
+        case 'i':
+            return from_bool(
+                emit_integer(out, d, fetch_signed(args, d.length), 10, false, true, ""));
+        case 'u':
+            return from_bool(emit_integer(out, d, {fetch_unsigned(args, d.length), false}, 10,
+                                          false, false, ""));
+        case 'o':
+            return from_bool(
+                emit_integer(out, d, {fetch_unsigned(args, d.length), false}, 8, false, false, ""));
+        case 'x':
+        case 'X': {
+            const IntValue value{fetch_unsigned(args, d.length), false};
+            const bool upper = d.conv == 'X';
+            // "%#x" of zero has no 0x, as in C.
+            const char *prefix = d.alt && value.magnitude != 0 ? (upper ? "0X" : "0x") : "";
+            return from_bool(emit_integer(out, d, value, 16, upper, false, prefix));
         }
-    case 's':
-    case 'S':
-        // '#' has no meaning for strings and is ignored.
-        if (is_wide(d)) {
-            return from_wide(emit_wide_string(out, d, va_arg(args.ap, const wchar_t *)));
-        }
-        return from_bool(emit_string(out, d, va_arg(args.ap, const char *)));
-    default: return emit_float(out, d, args); // e E f F g G
+        case 'p': return from_bool(emit_pointer(out, d, va_arg(args.ap, void *)));
+        case 'c':
+        case 'C':
+            if (is_wide(d)) {
+                return from_wide(emit_wide_char(out, d, va_arg(args.ap, wint_t)));
+            } else {
+                const char ch = static_cast<char>(va_arg(args.ap, int));
+                return from_bool(emit_padded_text(out, d, &ch, 1));
+            }
+        case 's':
+        case 'S':
+            // '#' has no meaning for strings and is ignored.
+            if (is_wide(d)) {
+                return from_wide(emit_wide_string(out, d, va_arg(args.ap, const wchar_t *)));
+            }
+            return from_bool(emit_string(out, d, va_arg(args.ap, const char *)));
+        default: return emit_float(out, d, args);  // e E f F g G
     }
 }
 
 // Formats the whole format into out.  truncated: a character found no room;
 // bad_format: a directive reached before that point is invalid.
-Status format_into(Sink &out, const char *format, Args &args)
-{
+Status format_into(Sink &out, const char *format, Args &args) {
     const ErrnoKeeper keepErrno;
     const char *p = format;
     while (*p != '\0') {
@@ -726,10 +719,10 @@ Status format_into(Sink &out, const char *format, Args &args)
         Directive d;
         Status status = Status::ok;
         switch (parse_directive(p, d, args)) {
-        case Parsed::percent: status = from_bool(out.put('%')); break;
-        case Parsed::literal_i: status = from_bool(out.put('I')); break;
-        case Parsed::bad_format: return Status::bad_format;
-        case Parsed::directive: status = emit_directive(out, d, args); break;
+            case Parsed::percent: status = from_bool(out.put('%')); break;
+            case Parsed::literal_i: status = from_bool(out.put('I')); break;
+            case Parsed::bad_format: return Status::bad_format;
+            case Parsed::directive: status = emit_directive(out, d, args); break;
         }
         if (status != Status::ok) {
             return status;
@@ -742,8 +735,8 @@ Status format_into(Sink &out, const char *format, Args &args)
 // Formats with the given capacity (at most destMax).  keepTruncated: a truncated text
 // is kept, terminated at the end of the capacity; otherwise it is cut to an empty
 // string after the bytes were written.
-int format_checked(char *strDest, size_t capacity, bool keepTruncated, const char *format, va_list argList)
-{
+int format_checked(char *strDest, size_t capacity, bool keepTruncated, const char *format,
+                   va_list argList) {
     Sink out{strDest, capacity};
     Args args;
     va_copy(args.ap, argList);
@@ -751,30 +744,26 @@ int format_checked(char *strDest, size_t capacity, bool keepTruncated, const cha
     va_end(args.ap);
 
     switch (status) {
-    case Status::ok:
-        strDest[out.len] = '\0';
-        return static_cast<int>(out.len);
-    case Status::truncated:
-        strDest[capacity - 1] = '\0';
-        if (!keepTruncated) {
-            strDest[0] = '\0';
-        }
-        return -1;
-    case Status::bad_format: break;
+        case Status::ok: strDest[out.len] = '\0'; return static_cast<int>(out.len);
+        case Status::truncated:
+            strDest[capacity - 1] = '\0';
+            if (!keepTruncated) {
+                strDest[0] = '\0';
+            }
+            return -1;
+        case Status::bad_format: break;
     }
     strDest[0] = '\0';
     return -1;
 }
 
-bool dest_usable(const char *strDest, size_t destMax)
-{
+bool dest_usable(const char *strDest, size_t destMax) {
     return strDest != nullptr && !qel_bounds::dest_size_invalid(destMax);
 }
 
-} // namespace
+}  // namespace
 
-int vsprintf_s(char *strDest, size_t destMax, const char *format, va_list argList)
-{
+int vsprintf_s(char *strDest, size_t destMax, const char *format, va_list argList) {
     if (!dest_usable(strDest, destMax)) {
         return -1;
     }
@@ -785,8 +774,7 @@ int vsprintf_s(char *strDest, size_t destMax, const char *format, va_list argLis
     return format_checked(strDest, destMax, false, format, argList);
 }
 
-int sprintf_s(char *strDest, size_t destMax, const char *format, ...)
-{
+int sprintf_s(char *strDest, size_t destMax, const char *format, ...) {
     va_list argList;
     va_start(argList, format);
     const int result = vsprintf_s(strDest, destMax, format, argList);
@@ -794,8 +782,7 @@ int sprintf_s(char *strDest, size_t destMax, const char *format, ...)
     return result;
 }
 
-int vsnprintf_s(char *strDest, size_t destMax, size_t count, const char *format, va_list argList)
-{
+int vsnprintf_s(char *strDest, size_t destMax, size_t count, const char *format, va_list argList) {
     if (!dest_usable(strDest, destMax)) {
         return -1;
     }
@@ -812,8 +799,7 @@ int vsnprintf_s(char *strDest, size_t destMax, size_t count, const char *format,
     return format_checked(strDest, destMax, false, format, argList);
 }
 
-int snprintf_s(char *strDest, size_t destMax, size_t count, const char *format, ...)
-{
+int snprintf_s(char *strDest, size_t destMax, size_t count, const char *format, ...) {
     va_list argList;
     va_start(argList, format);
     const int result = vsnprintf_s(strDest, destMax, count, format, argList);

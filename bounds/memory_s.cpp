@@ -18,17 +18,15 @@ namespace {
 // True when [dest, dest + count) and [src, src + count) share a byte.  Compared as
 // integers because the two pointers usually belong to different objects.
 // A touching region (src + count == dest) is not an overlap.
-bool regions_overlap(const void *dest, const void *src, size_t count)
-{
+bool regions_overlap(const void *dest, const void *src, size_t count) {
     const auto d = reinterpret_cast<std::uintptr_t>(dest);
     const auto s = reinterpret_cast<std::uintptr_t>(src);
     return (s < d && s + count > d) || (d < s && d + count > s);
 }
 
-} // namespace
+}  // namespace
 
-errno_t memcpy_s(void *dest, size_t destMax, const void *src, size_t count)
-{
+errno_t memcpy_s(void *dest, size_t destMax, const void *src, size_t count) {
     if (dest_size_invalid(destMax)) {
         return ERANGE;
     }
@@ -54,8 +52,7 @@ errno_t memcpy_s(void *dest, size_t destMax, const void *src, size_t count)
     return EOK;
 }
 
-errno_t memset_s(void *dest, size_t destMax, int c, size_t count)
-{
+errno_t memset_s(void *dest, size_t destMax, int c, size_t count) {
     // A zero-sized fill of a real buffer is accepted even with destMax == 0.
     if (destMax <= kMaxSize && dest != nullptr && count <= destMax) {
         if (count != 0) {

@@ -29,22 +29,17 @@ namespace {
 constexpr std::size_t kMaxInputLength = qel_bounds::kMaxSize;
 
 // Values returned by the input cursor besides characters 0..255.
-constexpr int kEndOfInput = -1;  // a read met the end of the buffer
-constexpr int kWidthUsedUp = -2; // the field width allowed no further read
+constexpr int kEndOfInput = -1;   // a read met the end of the buffer
+constexpr int kWidthUsedUp = -2;  // the field width allowed no further read
 
-constexpr bool isSpace(int c)
-{
+constexpr bool isSpace(int c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
 }
 
-constexpr bool isDecimalDigit(int c)
-{
-    return c >= '0' && c <= '9';
-}
+constexpr bool isDecimalDigit(int c) { return c >= '0' && c <= '9'; }
 
 // Value of c as a digit of any base up to 36, or 36 when c is no digit at all.
-constexpr unsigned digitValue(int c)
-{
+constexpr unsigned digitValue(int c) {
     if (c >= '0' && c <= '9') {
         return static_cast<unsigned>(c - '0');
     }
@@ -65,8 +60,7 @@ struct Input {
     const char *end;
     bool hitEnd = false;
 
-    int get()
-    {
+    int get() {
         if (pos == end) {
             hitEnd = true;
             return kEndOfInput;
@@ -75,15 +69,13 @@ struct Input {
     }
 
     // Gives back a character obtained from get(); the end marker needs no giving back.
-    void unget(int c)
-    {
+    void unget(int c) {
         if (c >= 0) {
             --pos;
         }
     }
 
-    void skipSpace()
-    {
+    void skipSpace() {
         int c;
         do {
             c = get();
@@ -97,10 +89,9 @@ struct Input {
 // Reads of one conversion, limited by its field width.
 struct Field {
     Input &in;
-    long left; // characters the width still allows
+    long left;  // characters the width still allows
 
-    int next()
-    {
+    int next() {
         if (left == 0) {
             return kWidthUsedUp;
         }
@@ -114,8 +105,7 @@ struct Args {
     va_list list;
 
     template <typename T>
-    T take()
-    {
+    T take() {
         return va_arg(list, T);
     }
 
@@ -130,16 +120,15 @@ enum class Length { None, Char, Short, Long, LongLong, LongDouble, IntMax, Size,
 struct Directive {
     bool suppress = false;
     bool hasWidth = false;
-    bool badWidth = false; // width beyond the largest int
+    bool badWidth = false;  // width beyond the largest int
     long width = 0;
     Length length = Length::None;
-    char conversion = '\0';     // '\0' when the format ends inside the directive
-    const char *after = nullptr; // format position just past the conversion letter
+    char conversion = '\0';       // '\0' when the format ends inside the directive
+    const char *after = nullptr;  // format position just past the conversion letter
 };
 
 // Parses the directive starting at the character after '%'.
-constexpr Directive parseDirective(const char *f)
-{
+constexpr Directive parseDirective(const char *f) {
     Directive d;
     if (*f == '*') {
         d.suppress = true;
@@ -156,44 +145,43 @@ constexpr Directive parseDirective(const char *f)
         ++f;
     }
     switch (*f) {
-    case 'h':
-        ++f;
-        d.length = Length::Short;
-        if (*f == 'h') {
+        case 'h':
             ++f;
-            d.length = Length::Char;
-        }
-        break;
-    case 'l':
-        ++f;
-        d.length = Length::Long;
-        if (*f == 'l') {
+            d.length = Length::Short;
+            if (*f == 'h') {
+                ++f;
+                d.length = Length::Char;
+            }
+            break;
+        case 'l':
+            ++f;
+            d.length = Length::Long;
+            if (*f == 'l') {
+                ++f;
+                d.length = Length::LongLong;
+            }
+            break;
+        case 'q':
             ++f;
             d.length = Length::LongLong;
-        }
-        break;
-    case 'q':
-        ++f;
-        d.length = Length::LongLong;
-        break;
-    case 'L':
-        ++f;
-        d.length = Length::LongDouble;
-        break;
-    case 'j':
-        ++f;
-        d.length = Length::IntMax;
-        break;
-    case 'z':
-        ++f;
-        d.length = Length::Size;
-        break;
-    case 't':
-        ++f;
-        d.length = Length::PtrDiff;
-        break;
-    default:
-        break;
+            break;
+        case 'L':
+            ++f;
+            d.length = Length::LongDouble;
+            break;
+        case 'j':
+            ++f;
+            d.length = Length::IntMax;
+            break;
+        case 'z':
+            ++f;
+            d.length = Length::Size;
+            break;
+        case 't':
+            ++f;
+            d.length = Length::PtrDiff;
+            break;
+        default: break;
     }
     d.conversion = *f;
     d.after = (*f != '\0') ? f + 1 : f;
@@ -214,13 +202,12 @@ struct CharSet {
 
 // Parses a set starting at the character after '['.  Returns the format position past
 // the closing ']', or nullptr when the set is never closed.
-constexpr const char *parseSet(const char *f, CharSet &set)
-{
+constexpr const char *parseSet(const char *f, CharSet &set) {
     if (*f == '^') {
         set.negated = true;
         ++f;
     }
-    if (*f == ']') { // directly after '[' or '[^' a ']' is a member
+    if (*f == ']') {  // directly after '[' or '[^' a ']' is a member
         set.add(']');
         ++f;
     }
@@ -235,13 +222,13 @@ constexpr const char *parseSet(const char *f, CharSet &set)
                 for (unsigned c = first; c <= last; ++c) {
                     set.add(static_cast<unsigned char>(c));
                 }
-            } else { // a reversed range stands for its three characters
+            } else {  // a reversed range stands for its three characters
                 set.add(first);
                 set.add('-');
                 set.add(last);
             }
             f += 3;
-        } else { // a '-' first or last in the set is an ordinary member
+        } else {  // a '-' first or last in the set is an ordinary member
             set.add(first);
             ++f;
         }
@@ -251,10 +238,10 @@ constexpr const char *parseSet(const char *f, CharSet &set)
 
 // How a directive ended.
 enum class Step {
-    Completed, // finished, nothing stored (suppressed conversion, %n)
-    Assigned,  // finished and stored
-    Stopped,   // no match, string does not fit, bad size: the scan ends
-    NullArg,   // a NULL destination ends the scan
+    Completed,  // finished, nothing stored (suppressed conversion, %n)
+    Assigned,   // finished and stored
+    Stopped,    // no match, string does not fit, bad size: the scan ends
+    NullArg,    // a NULL destination ends the scan
     FormatError,
 };
 
@@ -276,8 +263,7 @@ private:
 
 // %c, %s, %[ (with its parsed set): pointer and size come first, before any input is
 // read.  An unclosed set clears the destination's first byte and ends the scan.
-Step Scanner::scanString(const Directive &d, const CharSet *set, bool setClosed)
-{
+Step Scanner::scanString(const Directive &d, const CharSet *set, bool setClosed) {
     char *dest = nullptr;
     std::uint32_t size = 0;
     if (!d.suppress) {
@@ -304,8 +290,7 @@ Step Scanner::scanString(const Directive &d, const CharSet *set, bool setClosed)
 
 // Reads the characters of %c (set and space rule unused), %s (set nullptr) or %[ and
 // stores them into dest when there is one.
-Step Scanner::fillString(const Directive &d, char *dest, std::uint32_t size, const CharSet *set)
-{
+Step Scanner::fillString(const Directive &d, char *dest, std::uint32_t size, const CharSet *set) {
     const bool isChar = d.conversion == 'c';
     Field field{in_, d.hasWidth ? d.width : (isChar ? 1L : -1L)};
     // %s and %[ always keep one slot for the terminator.
@@ -324,7 +309,7 @@ Step Scanner::fillString(const Directive &d, char *dest, std::uint32_t size, con
         }
         any = true;
         if (dest != nullptr) {
-            if (stored == room) { // does not fit
+            if (stored == room) {  // does not fit
                 dest[0] = '\0';
                 return Step::Stopped;
             }
@@ -345,33 +330,28 @@ Step Scanner::fillString(const Directive &d, char *dest, std::uint32_t size, con
 
 // Integers accumulate as 64 bits, saturating as strtol (d i) or strtoul (u o x X p)
 // would, then are narrowed to the destination's type.
-Step Scanner::scanInteger(const Directive &d)
-{
+Step Scanner::scanInteger(const Directive &d) {
     unsigned base = 10;
     bool isSigned = false;
     bool prefixAllowed = false;
     switch (d.conversion) {
-    case 'd':
-        isSigned = true;
-        break;
-    case 'i':
-        isSigned = true;
-        base = 0; // decided by the prefix
-        prefixAllowed = true;
-        break;
-    case 'o':
-        base = 8;
-        break;
-    case 'x':
-    case 'X':
-        base = 16;
-        prefixAllowed = true;
-        break;
-    case 'p': // plain hexadecimal digits, no 0x
-        base = 16;
-        break;
-    default: // 'u'
-        break;
+        case 'd': isSigned = true; break;
+        case 'i':
+            isSigned = true;
+            base = 0;  // decided by the prefix
+            prefixAllowed = true;
+            break;
+        case 'o': base = 8; break;
+        case 'x':
+        case 'X':
+            base = 16;
+            prefixAllowed = true;
+            break;
+        case 'p':  // plain hexadecimal digits, no 0x
+            base = 16;
+            break;
+        default:  // 'u'
+            break;
     }
 
     in_.skipSpace();
@@ -438,26 +418,23 @@ Step Scanner::scanInteger(const Directive &d)
         return Step::Assigned;
     }
     switch (d.length) {
-    case Length::Char:
-        *static_cast<unsigned char *>(dest) = static_cast<unsigned char>(value);
-        break;
-    case Length::Short:
-        *static_cast<unsigned short *>(dest) = static_cast<unsigned short>(value);
-        break;
-    case Length::None:
-        *static_cast<unsigned int *>(dest) = static_cast<unsigned int>(value);
-        break;
-    default:
-        *static_cast<std::uint64_t *>(dest) = value;
-        break;
+        case Length::Char:
+            *static_cast<unsigned char *>(dest) = static_cast<unsigned char>(value);
+            break;
+        case Length::Short:
+            *static_cast<unsigned short *>(dest) = static_cast<unsigned short>(value);
+            break;
+        case Length::None:
+            *static_cast<unsigned int *>(dest) = static_cast<unsigned int>(value);
+            break;
+        default: *static_cast<std::uint64_t *>(dest) = value; break;
     }
     return Step::Assigned;
 }
 
 // Floats: sign, digits, '.', digits, exponent are gathered, then converted by strtod
 // (strtold for long double).  No inf, nan or hexadecimal forms.
-Step Scanner::scanFloat(const Directive &d)
-{
+Step Scanner::scanFloat(const Directive &d) {
     in_.skipSpace();
     const char *const start = in_.pos;
     Field field{in_, d.hasWidth ? d.width : -1L};
@@ -508,18 +485,13 @@ Step Scanner::scanFloat(const Directive &d)
     enum class Target { Float, Double, LongDouble };
     Target target = Target::Float;
     switch (d.length) {
-    case Length::Long:
-    case Length::IntMax:
-    case Length::Size:
-    case Length::PtrDiff:
-        target = Target::Double;
-        break;
-    case Length::LongDouble:
-    case Length::LongLong:
-        target = Target::LongDouble;
-        break;
-    default:
-        break;
+        case Length::Long:
+        case Length::IntMax:
+        case Length::Size:
+        case Length::PtrDiff: target = Target::Double; break;
+        case Length::LongDouble:
+        case Length::LongLong: target = Target::LongDouble; break;
+        default: break;
     }
     long double wide = 0.0L;
     double value = 0.0;
@@ -540,22 +512,15 @@ Step Scanner::scanFloat(const Directive &d)
         return Step::NullArg;
     }
     switch (target) {
-    case Target::Float:
-        *static_cast<float *>(dest) = static_cast<float>(value);
-        break;
-    case Target::Double:
-        *static_cast<double *>(dest) = value;
-        break;
-    case Target::LongDouble:
-        *static_cast<long double *>(dest) = wide;
-        break;
+        case Target::Float: *static_cast<float *>(dest) = static_cast<float>(value); break;
+        case Target::Double: *static_cast<double *>(dest) = value; break;
+        case Target::LongDouble: *static_cast<long double *>(dest) = wide; break;
     }
     return Step::Assigned;
 }
 
 // %n: characters consumed so far, as an int; counted as completed, never as stored.
-Step Scanner::storeCount(const Directive &d)
-{
+Step Scanner::storeCount(const Directive &d) {
     if (d.suppress) {
         return Step::Completed;
     }
@@ -569,8 +534,7 @@ Step Scanner::storeCount(const Directive &d)
 
 // On empty input nothing is scanned, but a first %c, %s or %[ still gets an empty
 // destination: its first character is cleared when pointer and size allow it.
-void clearFirstDestination(const char *format, Args &args)
-{
+void clearFirstDestination(const char *format, Args &args) {
     const char *percent = std::strchr(format, '%');
     if (percent == nullptr) {
         return;
@@ -594,8 +558,7 @@ void clearFirstDestination(const char *format, Args &args)
     }
 }
 
-int scan(const char *buffer, std::size_t length, const char *format, Args &args)
-{
+int scan(const char *buffer, std::size_t length, const char *format, Args &args) {
     Input in{buffer, buffer, buffer + length};
     Scanner scanner(in, args);
     int assigned = 0;
@@ -634,62 +597,54 @@ int scan(const char *buffer, std::size_t length, const char *format, Args &args)
         f = d.after;
 
         switch (d.conversion) {
-        case '%': {
-            // "%%" is a literal that skips space first; it is not a conversion and
-            // never counts.
-            in.skipSpace();
-            const int c = in.get();
-            if (c == '%') {
-                continue;
+            case '%': {
+                // "%%" is a literal that skips space first; it is not a conversion and
+                // never counts.
+                in.skipSpace();
+                const int c = in.get();
+                if (c == '%') {
+                    continue;
+                }
+                in.unget(c);
+                last = Step::Stopped;
+                break;
             }
-            in.unget(c);
-            last = Step::Stopped;
-            break;
-        }
-        case 'c':
-        case 's':
-            last = scanner.scanString(d);
-            break;
-        case '[': {
-            CharSet set;
-            const char *past = parseSet(d.after, set);
-            last = scanner.scanString(d, &set, past != nullptr);
-            if (past != nullptr) {
-                f = past;
+            case 'c':
+            case 's': last = scanner.scanString(d); break;
+            case '[': {
+                CharSet set;
+                const char *past = parseSet(d.after, set);
+                last = scanner.scanString(d, &set, past != nullptr);
+                if (past != nullptr) {
+                    f = past;
+                }
+                break;
             }
-            break;
-        }
-        case 'd':
-        case 'i':
-        case 'u':
-        case 'o':
-        case 'x':
-        case 'X':
-        case 'p':
-            last = scanner.scanInteger(d);
-            break;
-        case 'e':
-        case 'E':
-        case 'f':
-        case 'F':
-        case 'g':
-        case 'G':
-            last = scanner.scanFloat(d);
-            break;
-        case 'n':
-            last = scanner.storeCount(d);
-            break;
-        default: {
-            // An unknown conversion letter must equal the next input character, as a
-            // literal would; anything else there is a format error.
-            const int c = in.get();
-            if (c == static_cast<unsigned char>(d.conversion)) {
-                continue;
+            case 'd':
+            case 'i':
+            case 'u':
+            case 'o':
+            case 'x':
+            case 'X':
+            case 'p': last = scanner.scanInteger(d); break;
+            case 'e':
+            case 'E':
+            case 'f':
+            case 'F':
+            case 'g':
+            case 'G': last = scanner.scanFloat(d); break;
+            case 'n': last = scanner.storeCount(d); break;
+            default: {
+                // An unknown conversion letter must equal the next input character, as a
+                // literal would; anything else there is a format error.
+                const int c = in.get();
+                if (c == static_cast<unsigned char>(d.conversion)) {
+                    continue;
+                }
+                in.unget(c);
+                last = (c == kEndOfInput) ? Step::Stopped : Step::FormatError;
+                break;
             }
-            in.unget(c);
-            last = (c == kEndOfInput) ? Step::Stopped : Step::FormatError;
-            break;
-        }
         }
 
         if (last == Step::Assigned) {
@@ -711,12 +666,11 @@ int scan(const char *buffer, std::size_t length, const char *format, Args &args)
     return assigned;
 }
 
-} // namespace
+}  // namespace
 
 extern "C" {
 
-int vsscanf_s(const char *buffer, const char *format, va_list argList)
-{
+int vsscanf_s(const char *buffer, const char *format, va_list argList) {
     if (buffer == nullptr || format == nullptr) {
         return -1;
     }
@@ -734,8 +688,7 @@ int vsscanf_s(const char *buffer, const char *format, va_list argList)
     return result;
 }
 
-int sscanf_s(const char *buffer, const char *format, ...)
-{
+int sscanf_s(const char *buffer, const char *format, ...) {
     va_list argList;
     va_start(argList, format);
     const int result = vsscanf_s(buffer, format, argList);
@@ -743,4 +696,4 @@ int sscanf_s(const char *buffer, const char *format, ...)
     return result;
 }
 
-} // extern "C"
+}  // extern "C"

@@ -14,21 +14,16 @@ using qel_bounds::kMaxSize;
 
 namespace {
 
-std::uintptr_t addr(const char *p)
-{
-    return reinterpret_cast<std::uintptr_t>(p);
-}
+std::uintptr_t addr(const char *p) { return reinterpret_cast<std::uintptr_t>(p); }
 
-errno_t reset_first(char *strDest, errno_t status)
-{
+errno_t reset_first(char *strDest, errno_t status) {
     strDest[0] = '\0';
     return status;
 }
 
 // The checks strncpy_s, strcat_s and strncat_s make first, in this order: destination
 // size, destination, source.  EOK when all pass.
-errno_t check_string_args(char *strDest, size_t destMax, const char *strSrc)
-{
+errno_t check_string_args(char *strDest, size_t destMax, const char *strSrc) {
     if (dest_size_invalid(destMax)) {
         return ERANGE;
     }
@@ -44,8 +39,8 @@ errno_t check_string_args(char *strDest, size_t destMax, const char *strSrc)
 // Appends srcLen characters of strSrc and a terminator to the string of length destLen
 // in strDest, after the overlap and room checks shared by strcat_s and strncat_s.
 // destLen == destMax means strDest holds no terminator within destMax bytes.
-errno_t append_checked(char *strDest, size_t destMax, size_t destLen, const char *strSrc, size_t srcLen)
-{
+errno_t append_checked(char *strDest, size_t destMax, size_t destLen, const char *strSrc,
+                       size_t srcLen) {
     const bool unterminated = destLen == destMax;
     const std::uintptr_t d = addr(strDest);
     const std::uintptr_t s = addr(strSrc);
@@ -56,7 +51,8 @@ errno_t append_checked(char *strDest, size_t destMax, size_t destLen, const char
     if (overlap) {
         // With an unterminated destination a source beyond its end is a plain bad argument.
         const bool beyondDest = s >= d + destMax;
-        return reset_first(strDest, unterminated && beyondDest ? EINVAL_AND_RESET : EOVERLAP_AND_RESET);
+        return reset_first(strDest,
+                           unterminated && beyondDest ? EINVAL_AND_RESET : EOVERLAP_AND_RESET);
     }
     if (destLen + srcLen >= destMax || strDest == strSrc) {
         return reset_first(strDest, unterminated ? EINVAL_AND_RESET : ERANGE_AND_RESET);
@@ -66,10 +62,9 @@ errno_t append_checked(char *strDest, size_t destMax, size_t destLen, const char
     return EOK;
 }
 
-} // namespace
+}  // namespace
 
-errno_t strncpy_s(char *strDest, size_t destMax, const char *strSrc, size_t count)
-{
+errno_t strncpy_s(char *strDest, size_t destMax, const char *strSrc, size_t count) {
     if (const errno_t bad = check_string_args(strDest, destMax, strSrc); bad != EOK) {
         return bad;
     }
@@ -107,8 +102,7 @@ errno_t strncpy_s(char *strDest, size_t destMax, const char *strSrc, size_t coun
     return EOK;
 }
 
-errno_t strcat_s(char *strDest, size_t destMax, const char *strSrc)
-{
+errno_t strcat_s(char *strDest, size_t destMax, const char *strSrc) {
     if (const errno_t bad = check_string_args(strDest, destMax, strSrc); bad != EOK) {
         return bad;
     }
@@ -118,8 +112,7 @@ errno_t strcat_s(char *strDest, size_t destMax, const char *strSrc)
     return append_checked(strDest, destMax, destLen, strSrc, srcLen);
 }
 
-errno_t strncat_s(char *strDest, size_t destMax, const char *strSrc, size_t count)
-{
+errno_t strncat_s(char *strDest, size_t destMax, const char *strSrc, size_t count) {
     if (const errno_t bad = check_string_args(strDest, destMax, strSrc); bad != EOK) {
         return bad;
     }
@@ -132,8 +125,7 @@ errno_t strncat_s(char *strDest, size_t destMax, const char *strSrc, size_t coun
     return append_checked(strDest, destMax, destLen, strSrc, srcLen);
 }
 
-char *strtok_s(char *strToken, const char *strDelimit, char **context)
-{
+char *strtok_s(char *strToken, const char *strDelimit, char **context) {
     if (context == nullptr || strDelimit == nullptr) {
         return nullptr;
     }

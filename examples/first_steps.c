@@ -20,7 +20,8 @@ int main(void) {
     /* Numbers to text and back. */
     char digits[20];
     int32_t value = 0;
-    if (ZEPO_Ultostr(digits, sizeof digits, 48879, 16) > 0 && ZEPO_StrToInt32("0x1F", &value) == 0) {
+    if (ZEPO_Ultostr(digits, sizeof digits, 48879, 16) > 0 &&
+        ZEPO_StrToInt32("0x1F", &value) == 0) {
         ZEPO_Printf("48879 in hex: %s; \"0x1F\" reads as %d\n", digits, value);
     }
 
@@ -32,13 +33,15 @@ int main(void) {
     unsigned char *block = ZEPO_MemTypeMallocS(16, 0, 0, __LINE__, __FILE__);
     if (block != NULL) {
         static const unsigned char zeros[16];
-        ZEPO_Printf("zero-filled block compares %s\n", ZEPO_MemCmp(block, zeros, 16) == 0 ? "equal" : "different");
+        ZEPO_Printf("zero-filled block compares %s\n",
+                    ZEPO_MemCmp(block, zeros, 16) == 0 ? "equal" : "different");
     }
 
     /* The last error is the thread's errno; a refused call leaves it as it was. */
     char text[64];
     ZEPO_SetLastErr(ENOENT);
-    if (ZEPO_Fprintf(stdout, "") == -1 && ZEPO_StrError_S(text, sizeof text, ZEPO_GetLastErr()) == 0) {
+    if (ZEPO_Fprintf(stdout, "") == -1 &&
+        ZEPO_StrError_S(text, sizeof text, ZEPO_GetLastErr()) == 0) {
         ZEPO_Printf("empty format refused; last error still %u: %s\n", ZEPO_GetLastErr(), text);
     }
 

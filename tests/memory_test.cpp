@@ -31,7 +31,8 @@ TEST(Memory, MallocOfZeroBytesGivesNull) {
 }
 
 TEST(Memory, MallocGivesAWritableBlockOfTheSize) {
-    auto *block = static_cast<unsigned char *>(ZEPO_MemTypeMallocD(100, kTypePlain, __LINE__, __FILE__));
+    auto *block =
+        static_cast<unsigned char *>(ZEPO_MemTypeMallocD(100, kTypePlain, __LINE__, __FILE__));
     ASSERT_NE(block, nullptr);
     EXPECT_GE(malloc_usable_size(block), 100u);
     memset(block, 0xA5, 100);
@@ -73,15 +74,18 @@ TEST(Memory, AlignWithSmallAlignmentStillAlignsTo128) {
 }
 
 TEST(Memory, MallocSFillsWithTheLowByteOfTheFill) {
-    auto *block = static_cast<unsigned char *>(ZEPO_MemTypeMallocS(8, 0x1FF, kTypePlain, __LINE__, __FILE__));
+    auto *block =
+        static_cast<unsigned char *>(ZEPO_MemTypeMallocS(8, 0x1FF, kTypePlain, __LINE__, __FILE__));
     ASSERT_NE(block, nullptr);
     for (int i = 0; i < 8; ++i) EXPECT_EQ(block[i], 0xFF) << i;
     release(block);
 }
 
 TEST(Memory, MallocSFillsWithZeroAndWithACharacter) {
-    auto *zeroed = static_cast<unsigned char *>(ZEPO_MemTypeMallocS(32, 0, kTypePlain, __LINE__, __FILE__));
-    auto *letters = static_cast<unsigned char *>(ZEPO_MemTypeMallocS(32, 'A', kTypePlain, __LINE__, __FILE__));
+    auto *zeroed =
+        static_cast<unsigned char *>(ZEPO_MemTypeMallocS(32, 0, kTypePlain, __LINE__, __FILE__));
+    auto *letters =
+        static_cast<unsigned char *>(ZEPO_MemTypeMallocS(32, 'A', kTypePlain, __LINE__, __FILE__));
     ASSERT_NE(zeroed, nullptr);
     ASSERT_NE(letters, nullptr);
     for (int i = 0; i < 32; ++i) {
@@ -93,7 +97,8 @@ TEST(Memory, MallocSFillsWithZeroAndWithACharacter) {
 }
 
 TEST(Memory, MallocSOfAlignedTypeFillsTheAskedSizeOnly) {
-    auto *block = static_cast<unsigned char *>(ZEPO_MemTypeMallocS(64, 0x5A, kTypeAligned, __LINE__, __FILE__));
+    auto *block = static_cast<unsigned char *>(
+        ZEPO_MemTypeMallocS(64, 0x5A, kTypeAligned, __LINE__, __FILE__));
     ASSERT_NE(block, nullptr);
     EXPECT_TRUE(aligned_to(block, 128));
     for (int i = 0; i < 64; ++i) EXPECT_EQ(block[i], 0x5A) << i;

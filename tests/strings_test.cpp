@@ -124,9 +124,7 @@ TEST(Strings, StrToIntConvertsInBaseTen) {
     EXPECT_EQ(ZEPO_StrToInt("010"), 10);
 }
 
-TEST(Strings, StrToIntKeepsTheLow32BitsOfTheValue) {
-    EXPECT_EQ(ZEPO_StrToInt("4294967297"), 1);
-}
+TEST(Strings, StrToIntKeepsTheLow32BitsOfTheValue) { EXPECT_EQ(ZEPO_StrToInt("4294967297"), 1); }
 
 TEST(Strings, StrToFloatNarrowsToSinglePrecision) {
     EXPECT_EQ(ZEPO_StrToFloat("1.5"), 1.5f);
@@ -266,7 +264,9 @@ TEST(StringsNumberText, IntToStrOfMostNegativeValueDoesNotFitElevenBytes) {
     char buf[11];
     memset(buf, 'X', sizeof buf);
     EXPECT_EQ(ZEPO_IntToStr(INT32_MIN, buf), buf);
-    EXPECT_EQ(std::string(buf, sizeof buf), std::string("\0" "214748364\0", 11));
+    EXPECT_EQ(std::string(buf, sizeof buf), std::string("\0"
+                                                        "214748364\0",
+                                                        11));
 }
 
 TEST(StringsNumberText, FloatToStrPrintsSixDecimals) {

@@ -31,7 +31,8 @@ struct HeapMode {
 
 // C heap mode: the source position is not kept.
 void *plain_alloc(uint32_t size, uint32_t type, uint32_t line, const char *file) {
-    if (type == kTypeAligned) return ZEPO_MemAlignD(kHeapAlignment, size + kAlignedSpare, line, file);
+    if (type == kTypeAligned)
+        return ZEPO_MemAlignD(kHeapAlignment, size + kAlignedSpare, line, file);
     return malloc(size);
 }
 

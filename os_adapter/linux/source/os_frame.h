@@ -55,12 +55,16 @@ inline bool passes(Text t) { return ZEPO_StrLen(t.s) != 0; }
 
 // A handle, stream, buffer or output-record argument, refused when null only.
 template <typename T>
-constexpr bool passes(T *p) { return p != nullptr; }
+constexpr bool passes(T *p) {
+    return p != nullptr;
+}
 
 // True when every argument passes its check; evaluated left to right, stopping at the
 // first refusal.
 template <typename... Args>
-bool accepted(Args... args) { return (passes(args) && ...); }
+bool accepted(Args... args) {
+    return (passes(args) && ...);
+}
 
 // ---- Failure trace ---------------------------------------------------------------
 

@@ -72,13 +72,9 @@ char *ZEPO_StrrChr(const char *str, int32_t ch) {
 
 int64_t ZEPO_Strtol(const char *str, char **end, int32_t base) { return strtol(str, end, base); }
 
-uint64_t ZEPO_Strtoul(const char *str, char **end, int32_t base) {
-    return strtoul(str, end, base);
-}
+uint64_t ZEPO_Strtoul(const char *str, char **end, int32_t base) { return strtoul(str, end, base); }
 
-int32_t ZEPO_StrToInt(const char *str) {
-    return static_cast<int32_t>(strtol(str, nullptr, 10));
-}
+int32_t ZEPO_StrToInt(const char *str) { return static_cast<int32_t>(strtol(str, nullptr, 10)); }
 
 float ZEPO_StrToFloat(const char *str) { return static_cast<float>(strtod(str, nullptr)); }
 
