@@ -67,9 +67,29 @@ TEST(Memory, AlignIgnoresTheAlignmentAndGivesBlocksAlignedTo128Only) {
 }
 
 TEST(Memory, AlignWithSmallAlignmentStillAlignsTo128) {
-    void *block = ZEPO_MemAlignD(8, 24, __LINE__, __FILE__);
+    constexpr int kBlocks = 64;
+    void *blocks[kBlocks];
+    for (void *&block : blocks) {
+        block = ZEPO_MemAlignD(8, 24, __LINE__, __FILE__);
+        ASSERT_NE(block, nullptr);
+        EXPECT_TRUE(aligned_to(block, 128)) << block;
+    }
+    for (void *block : blocks) release(block);
+}
+
+TEST(Memory, AlignOfZeroBytesIsNotRefused) {
+    void *block = ZEPO_MemAlignD(128, 0, __LINE__, __FILE__);
+    EXPECT_NE(block, nullptr);  // memalign's answer
+    release(block);
+}
+
+TEST(Memory, AlignedTypeSumOfSizeAndSpareIsTakenIn32Bits) {
+    // 0xFFFFFFFF + 256 wraps to 255: a small block, not a failed 4 GiB one.
+    void *block = ZEPO_MemTypeMallocD(0xFFFFFFFFu, kTypeAligned, __LINE__, __FILE__);
     ASSERT_NE(block, nullptr);
     EXPECT_TRUE(aligned_to(block, 128));
+    EXPECT_GE(malloc_usable_size(block), 255u);
+    EXPECT_LT(malloc_usable_size(block), 4096u);
     release(block);
 }
 
@@ -96,7 +116,7 @@ TEST(Memory, MallocSFillsWithZeroAndWithACharacter) {
     release(letters);
 }
 
-TEST(Memory, MallocSOfAlignedTypeFillsTheAskedSizeOnly) {
+TEST(Memory, MallocSOfAlignedTypeIsAlignedAndFilled) {
     auto *block = static_cast<unsigned char *>(
         ZEPO_MemTypeMallocS(64, 0x5A, kTypeAligned, __LINE__, __FILE__));
     ASSERT_NE(block, nullptr);
@@ -114,6 +134,12 @@ TEST(Memory, CallocGivesAZeroedBlock) {
     ASSERT_NE(block, nullptr);
     EXPECT_GE(malloc_usable_size(block), 120u);
     for (int i = 0; i < 120; ++i) EXPECT_EQ(block[i], 0) << i;
+    release(block);
+}
+
+TEST(Memory, CallocOfZeroIsNotRefused) {
+    void *block = ZEPO_MemCallocD(0, 8, __LINE__, __FILE__);
+    EXPECT_NE(block, nullptr);  // calloc's answer
     release(block);
 }
 

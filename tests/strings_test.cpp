@@ -1,6 +1,7 @@
 // String utilities.
 
 #include <gtest/gtest.h>
+#include <dlfcn.h>
 
 #include <cerrno>
 #include <climits>
@@ -10,13 +11,35 @@
 #include "qel_memory.h"
 #include "qel_string.h"
 
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
+
 namespace {
 
 constexpr int kSentinel = 4242;
+constexpr const char *kStringSource = "os_adapter/linux/source/os_str_config.cpp";
 
 void release(void *block) { ZEPO_MemTypeFreeD(block, 0, __LINE__, __FILE__); }
 
+// What the last zero-filled allocation asked for (see ZEPO_MemTypeMallocS below).
+struct Request {
+    uint32_t size = 0;
+    uint32_t line = 0;
+    std::string file;
+};
+Request last_request;
+
 }  // namespace
+
+// Interposed in front of the library's own entry point, which the string functions call
+// through the dynamic linker: records each request, then forwards it.
+extern "C" void *ZEPO_MemTypeMallocS(uint32_t size, int32_t fill, uint32_t type, uint32_t line,
+                                     const char *file) {
+    using Entry = void *(*)(uint32_t, int32_t, uint32_t, uint32_t, const char *);
+    static const auto next = reinterpret_cast<Entry>(dlsym(RTLD_NEXT, "ZEPO_MemTypeMallocS"));
+    last_request = Request{size, line, file != nullptr ? file : ""};
+    return next(size, fill, type, line, file);
+}
 
 // ---- Length and comparison -------------------------------------------------------------
 
@@ -214,8 +237,9 @@ TEST(StringsCase, CharToLowerAndUpperUseTheLocaleTables) {
     EXPECT_EQ(ZEPO_CharToUpper('1'), '1');
 }
 
-TEST(StringsCase, HighBytesReadTheTablesNegativeEntries) {
-    // In the C locale the negative entries map every byte to itself.
+TEST(StringsCase, HighBytesConvertWithoutFaultAndStayThemselvesInTheCLocale) {
+    // The tables' negative entries are read for these bytes; in the C locale they hold
+    // every byte itself, as the positive ones do, so this shows the lookup is in range.
     for (int byte = 0x80; byte <= 0xFF; ++byte) {
         const char c = static_cast<char>(byte);
         EXPECT_EQ(ZEPO_CharToLower(c), c) << byte;
@@ -269,6 +293,18 @@ TEST(StringsNumberText, IntToStrOfMostNegativeValueDoesNotFitElevenBytes) {
                                                         11));
 }
 
+TEST(StringsNumberText, IntToStrOfATenDigitNegativeValueDoesNotFit) {
+    char buf[11];
+    memset(buf, 'X', sizeof buf);
+    CaptureStdout();
+    ZEPO_IntToStr(-1000000000, buf);
+    EXPECT_EQ(GetCapturedStdout(), "");  // the failed format is not traced
+    EXPECT_EQ(std::string(buf, sizeof buf), std::string("\0"
+                                                        "100000000\0",
+                                                        11));
+    EXPECT_STREQ(ZEPO_IntToStr(-999999999, buf), "-999999999");
+}
+
 TEST(StringsNumberText, FloatToStrPrintsSixDecimals) {
     char buf[11];
     EXPECT_EQ(ZEPO_FloatToStr(buf, 1.5f), buf);
@@ -280,8 +316,23 @@ TEST(StringsNumberText, FloatToStrPrintsSixDecimals) {
 TEST(StringsNumberText, FloatToStrOfOneThousandOrMoreLeavesAnEmptyText) {
     char buf[11];
     memset(buf, 'X', sizeof buf);
+    CaptureStdout();
     ZEPO_FloatToStr(buf, 1000.0f);
-    EXPECT_EQ(buf[0], '\0');
+    EXPECT_EQ(GetCapturedStdout(), "");  // the failed format is not traced
+    EXPECT_EQ(std::string(buf, sizeof buf), std::string("\0"
+                                                        "000.00000\0",
+                                                        11));
+}
+
+TEST(StringsNumberText, FloatToStrOfWhatRoundsUpToOneThousandLeavesAnEmptyText) {
+    char buf[11];
+    EXPECT_EQ(ZEPO_FloatToStr(buf, 999.9999999f)[0], '\0');
+}
+
+TEST(StringsNumberText, FloatToStrOfMinusOneHundredOrLessLeavesAnEmptyText) {
+    char buf[11];
+    EXPECT_EQ(ZEPO_FloatToStr(buf, -100.0f)[0], '\0');
+    EXPECT_STREQ(ZEPO_FloatToStr(buf, -99.5f), "-99.500000");
 }
 
 TEST(StringsUltostr, Size20Value255Base16WritesFfAndGivesTwo) {
@@ -318,6 +369,23 @@ TEST(StringsUltostr, TextThatDoesNotFitGivesMinusOneAndKeepsTheCutText) {
     memset(buf, 'X', sizeof buf);
     EXPECT_EQ(ZEPO_Ultostr(buf, 3, 255, 10), -1);
     EXPECT_EQ(std::string(buf, 4), std::string("25\0X", 4));
+}
+
+TEST(StringsUltostr, SizeOneLeavesAnEmptyTextAndGivesMinusOne) {
+    char buf[4] = {'X', 'X', 'X', 'X'};
+    EXPECT_EQ(ZEPO_Ultostr(buf, 1, 7, 10), -1);
+    EXPECT_EQ(std::string(buf, 4), std::string("\0XXX", 4));
+}
+
+TEST(StringsUltostr, NullBufferIsLeftToTheFormatterWhichRefusesIt) {
+    EXPECT_EQ(ZEPO_Ultostr(nullptr, 5, 7, 10), -1);
+}
+
+TEST(StringsUltostr, TruncationIsNotTraced) {
+    char buf[8];
+    CaptureStdout();
+    EXPECT_EQ(ZEPO_Ultostr(buf, 2, 255, 10), -1);
+    EXPECT_EQ(GetCapturedStdout(), "");
 }
 
 TEST(StringsUltostr, TextFillingAllButTheTerminatorFits) {
@@ -378,21 +446,51 @@ TEST(StringsConcat, EmptyFirstTextStillTakesTheFollowingTexts) {
     release(joined);
 }
 
-TEST(StringsConcat, NullFirstTextFailsItsAppendAndGivesNull) {
+TEST(StringsConcat, NullFirstTextFailsItsAppendAndGivesNullWithoutATrace) {
+    CaptureStdout();
     EXPECT_EQ(ZEPO_StrConcat(nullptr, "x", static_cast<char *>(nullptr)), nullptr);
+    EXPECT_EQ(GetCapturedStdout(), "");
 }
 
-TEST(StringsConcat, ResultIsSizedExactly) {
+TEST(StringsConcat, AllocatesTheSumOfTheLengthsPlusOne) {
     char *joined = ZEPO_StrConcat("12345", "678", static_cast<char *>(nullptr));
     ASSERT_NE(joined, nullptr);
-    EXPECT_EQ(strlen(joined), 8u);
+    EXPECT_EQ(last_request.size, 9u);
+    EXPECT_STREQ(joined, "12345678");
+    release(joined);
+}
+
+TEST(StringsConcat, EmptyTextEndsTheSumToo) {
+    char *joined = ZEPO_StrConcat("a", "", "bcdef", static_cast<char *>(nullptr));
+    ASSERT_NE(joined, nullptr);
+    EXPECT_EQ(last_request.size, 2u);
+    release(joined);
+}
+
+TEST(StringsConcat, AllocationIsChargedToTheStringSource) {
+    char *joined = ZEPO_StrConcat("x", static_cast<char *>(nullptr));
+    ASSERT_NE(joined, nullptr);
+    EXPECT_EQ(last_request.file, kStringSource);
+    EXPECT_GT(last_request.line, 0u);
     release(joined);
 }
 
 TEST(StringsDup, NullGivesANewEmptyTextNotNull) {
+    CaptureStdout();
     char *copy = ZEPO_StrDupEx(nullptr, __LINE__, __FILE__);
+    EXPECT_EQ(GetCapturedStdout(), "");  // the failed copy is not traced
     ASSERT_NE(copy, nullptr);
     EXPECT_STREQ(copy, "");
+    EXPECT_EQ(last_request.size, 1u);
+    release(copy);
+}
+
+TEST(StringsDup, AllocationIsChargedToTheCallersPosition) {
+    char *copy = ZEPO_StrDupEx("abc", 4321, "app/caller.c");
+    ASSERT_NE(copy, nullptr);
+    EXPECT_EQ(last_request.size, 4u);
+    EXPECT_EQ(last_request.line, 4321u);
+    EXPECT_EQ(last_request.file, "app/caller.c");
     release(copy);
 }
 

@@ -12,9 +12,11 @@
  *    ZEPO_TellDir, ZEPO_Ftell, ZEPO_Read, ZEPO_Write, ZEPO_Send and ZEPO_Recv.
  *  - An accepted call makes one service call and returns its result and errno
  *    unchanged; no call is retried on EINTR.
- *  - When a checked copy or format of the library fails, it prints the failure trace
+ *  - Functions whose documentation says their checked copies or formats are traced
+ *    print, when one fails, the failure trace
  *    "Operate fail[<status>]: File: <source path> Line: <line> \n" to standard output
- *    through ZEPO_Printf and carries on.
+ *    through ZEPO_Printf, and carry on unless their documentation says otherwise.
+ *    Other checked calls are not traced.
  *
  * All functions here are safe to call from any thread.
  */
@@ -43,7 +45,8 @@ uint32_t ZEPO_GetLastSocketErr(void);
  * with the XSI strerror_r.  Note the argument order (buffer, length, number), which is
  * not that of strerror_r.  Returns 0 on success, EINVAL (22) for an unknown number, or
  * ERANGE (34) when the buffer is too short, in which case buf holds the truncated,
- * terminated text.  Nothing is checked: a null buffer goes to strerror_r as it is.
+ * terminated text.  Nothing is checked: a null buffer goes to strerror_r as it is, which
+ * gives ERANGE for length 0 and faults for any other length.
  */
 int32_t ZEPO_StrError_S(char *buf, uint32_t buflen, uint32_t errnum);
 
@@ -52,6 +55,8 @@ int32_t ZEPO_StrError_S(char *buf, uint32_t buflen, uint32_t errnum);
  * without an intermediate buffer.  Returns the number of characters written or a
  * negative value on an output error; -1 for a null format.  An empty format is
  * printed (nothing appears) and gives 0 - unlike ZEPO_Fprintf, which refuses it.
+ * The formatter's checks apply: a %n in a format held in writable memory ends the
+ * process ("*** %n in writable segment detected ***").
  * No format attribute is attached on purpose.
  */
 int32_t ZEPO_Printf(const char *format, ...);
@@ -59,7 +64,8 @@ int32_t ZEPO_Printf(const char *format, ...);
 /*
  * Formats to stream with the fortified formatter.  Returns the number of characters
  * written or a negative value; -1 without writing anything when stream is null or
- * format is null or empty.
+ * format is null or empty.  As for ZEPO_Printf, a %n in a format held in writable
+ * memory ends the process.
  */
 int32_t ZEPO_Fprintf(FILE *stream, const char *format, ...);
 

@@ -49,7 +49,8 @@ int64_t ZEPO_Strtol(const char *str, char **end, int32_t base);
 /* strtoul(str, end, base) as an unsigned 64-bit value; errno as strtoul leaves it. */
 uint64_t ZEPO_Strtoul(const char *str, char **end, int32_t base);
 
-/* strtol(str, NULL, 10), cut to its low 32 bits.  Unchecked. */
+/* strtol(str, NULL, 10), cut to its low 32 bits: "4294967297" gives 1, and ERANGE is set
+ * only beyond the 64-bit range ("99999999999" gives 1215752191, no error).  Unchecked. */
 int32_t ZEPO_StrToInt(const char *str);
 
 /* strtod(str, NULL) narrowed to single precision.  Unchecked. */
@@ -73,15 +74,17 @@ char *ZEPO_StrToLower(char *str);
 
 /*
  * Formats value as "%d" into buf, which must hold 11 bytes (sprintf_s with size 11).
- * Returns buf.  The format result is not tested.
+ * Returns buf.  The format result is not tested and nothing is printed: a value of
+ * -1000000000 or below needs twelve bytes and leaves the empty text the failed format
+ * leaves (byte 0 NUL, the rest as filled).
  */
 char *ZEPO_IntToStr(int32_t value, char *buf);
 
 /*
  * Formats value as "%f" into buf, which must hold 11 bytes.  Returns buf.  The format
- * result is not tested: a text that does not fit (any value of 1000 or more, since "%f"
- * prints six decimals) leaves buf as the checked formatter leaves it after a failure,
- * an empty text.
+ * result is not tested and nothing is printed: since "%f" prints six decimals, a text
+ * that does not fit - any value of 1000 or more, anything that rounds up to 1000, and
+ * any value of -100 or less - leaves the empty text the failed format leaves.
  */
 char *ZEPO_FloatToStr(char *buf, float value);
 
@@ -96,8 +99,9 @@ int32_t ZEPO_Ultostr(char *buf, uint32_t size, uint32_t value, uint32_t base);
 /*
  * Concatenates first and the texts that follow it into a new string.  The list ends
  * at a null pointer or at an empty text (which ends it early: "a", "", "b", NULL gives
- * "a").  first is mandatory and unchecked.  Returns the new string, to be released
- * with ZEPO_MemTypeFreeD, or NULL when the allocation or an append fails.
+ * "a").  first is mandatory and not refused: a null first text fails its append and
+ * gives NULL.  Returns the new string, to be released with ZEPO_MemTypeFreeD, or NULL
+ * when the allocation or an append fails; nothing is printed.
  */
 char *ZEPO_StrConcat(const char *first, ...);
 

@@ -1,7 +1,7 @@
 // os_str_config.cpp - string utilities.
 //
-// Most of these wrap one C library function and check nothing, so a null pointer faults
-// in the C library exactly as a direct call would; callers rely on that fault.
+// Most of these wrap one C library function and check nothing: they behave exactly as a
+// direct call of the C library would, a null pointer faulting there.
 
 #include <cctype>
 #include <cerrno>
@@ -16,7 +16,7 @@
 namespace {
 
 // The caller buffer of ZEPO_IntToStr and ZEPO_FloatToStr is assumed to hold 11 bytes:
-// a sign and ten digits of a 32-bit value, and the terminator.
+// ten characters and the terminator, so a ten-digit negative value does not fit.
 constexpr size_t kNumberTextSize = 11;
 
 // ZEPO_Ultostr writes at most 11 characters: an unsigned 32-bit value in octal.
@@ -93,8 +93,9 @@ char *ZEPO_IntToStr(int32_t value, char *buf) {
 }
 
 char *ZEPO_FloatToStr(char *buf, float value) {
-    // "%f" prints six decimals, so 1000 and above do not fit the 11 bytes; the result is
-    // not tested and buf is then the empty text the failed sprintf_s leaves.
+    // "%f" prints six decimals, so 1000 and above (and -100 and below) do not fit the
+    // 11 bytes; the result is not tested and buf is then the empty text the failed
+    // sprintf_s leaves.
     (void)sprintf_s(buf, kNumberTextSize, "%f", static_cast<double>(value));
     return buf;
 }
