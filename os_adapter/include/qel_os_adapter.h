@@ -8,6 +8,7 @@
 #define QEL_OS_ADAPTER_H
 
 #include "qel_frame.h"
+#include "qel_file.h"
 #include "qel_string.h"
 #include "qel_memory.h"
 
