@@ -11,5 +11,8 @@
 #include "qel_file.h"
 #include "qel_string.h"
 #include "qel_memory.h"
+#include "qel_mutex.h"
+#include "qel_thread.h"
+#include "qel_sem.h"
 
 #endif /* QEL_OS_ADAPTER_H */
