@@ -14,5 +14,8 @@
 #include "qel_mutex.h"
 #include "qel_thread.h"
 #include "qel_sem.h"
+#include "qel_time.h"
+#include "qel_socket.h"
+#include "qel_signal.h"
 
 #endif /* QEL_OS_ADAPTER_H */

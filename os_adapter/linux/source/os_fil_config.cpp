@@ -173,22 +173,6 @@ private:
     FILE *table_;
 };
 
-// Closes a descriptor when the scope ends.
-class Descriptor {
-public:
-    explicit Descriptor(int32_t fd) : fd_(fd) {}
-    ~Descriptor() {
-        if (fd_ >= 0) ZEPO_Close(fd_);
-    }
-    Descriptor(const Descriptor &) = delete;
-    Descriptor &operator=(const Descriptor &) = delete;
-    int32_t get() const { return fd_; }
-    bool valid() const { return fd_ >= 0; }
-
-private:
-    int32_t fd_;
-};
-
 }  // namespace
 
 namespace qel {
@@ -549,11 +533,11 @@ int32_t ZEPO_MkDir_P(const char *path, uint32_t mode) {
 }
 
 int32_t ZEPO_CopyFile(const char *src, const char *dst) {
-    Descriptor source(ZEPO_Open(src, O_RDONLY, 0));
+    qel::Descriptor source(ZEPO_Open(src, O_RDONLY, 0));
     if (!source.valid()) return qel::kRefused;
     ZEPO_STAT status;
     if (ZEPO_Stat(src, &status) != 0) return qel::kRefused;
-    Descriptor target(ZEPO_Open(dst, O_RDWR | O_CREAT | O_TRUNC, status.mode));
+    qel::Descriptor target(ZEPO_Open(dst, O_RDWR | O_CREAT | O_TRUNC, status.mode));
     if (!target.valid()) return qel::kRefused;
 
     char chunk[kCopyChunk];

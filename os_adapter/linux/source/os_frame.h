@@ -23,6 +23,7 @@
 #include <cstdint>
 #include <source_location>
 
+#include "qel_file.h"
 #include "qel_frame.h"
 #include "qel_memory.h"
 #include "qel_string.h"
@@ -108,6 +109,25 @@ public:
 private:
     T *p_;
     Where where_;
+};
+
+// ---- Descriptors -----------------------------------------------------------------
+
+// Owns a descriptor (or a socket) and closes it through ZEPO_Close on every path out of
+// the scope; a negative value owns nothing.
+class Descriptor {
+public:
+    explicit Descriptor(int32_t fd) : fd_(fd) {}
+    ~Descriptor() {
+        if (fd_ >= 0) ZEPO_Close(fd_);
+    }
+    Descriptor(const Descriptor &) = delete;
+    Descriptor &operator=(const Descriptor &) = delete;
+    int32_t get() const { return fd_; }
+    bool valid() const { return fd_ >= 0; }
+
+private:
+    int32_t fd_;
 };
 
 // ---- Variable arguments ----------------------------------------------------------
