@@ -370,6 +370,11 @@ TEST(FilesDir, ScanDirRefusesNullDirAndNullNameList) {
     EXPECT_REFUSED(ZEPO_ScanDir(tmp.c_str(), nullptr, nullptr, nullptr), -1);
 }
 
+TEST(FilesDir, ScanDirOfEmptyPathGoesToScandirAndFailsWithEnoent) {
+    struct dirent **list = nullptr;
+    EXPECT_SERVICE_FAILS(ZEPO_ScanDir("", &list, nullptr, nullptr), -1, ENOENT);
+}
+
 TEST(FilesDir, ScanDirOfMissingFolderFailsWithEnoent) {
     TempDir tmp;
     struct dirent **list = nullptr;
@@ -1356,16 +1361,32 @@ TEST(FilesFd, ReadLengthIsAnUnsigned32BitCount) {
 // ================================================================
 
 TEST(FilesMkDirP, NullAndEmptyPathsGiveMinusOne) {
-    EXPECT_EQ(ZEPO_MkDir_P(nullptr, 0755), -1);
-    EXPECT_EQ(ZEPO_MkDir_P("", 0755), -1);
+    EXPECT_REFUSED(ZEPO_MkDir_P(nullptr, 0755), -1);
+    EXPECT_REFUSED(ZEPO_MkDir_P("", 0755), -1);
 }
 
 TEST(FilesMkDirP, SingleRelativeNameIsRefusedAndCreatesNothing) {
     TempDir tmp;
     ASSERT_EQ(::chdir(tmp.c_str()), 0);
-    EXPECT_EQ(ZEPO_MkDir_P("abc", 0755), -1);
+    EXPECT_REFUSED(ZEPO_MkDir_P("abc", 0755), -1);
     EXPECT_FALSE(exists(tmp / "abc"));
     EXPECT_TRUE(names_in(tmp.path()).empty());
+}
+
+TEST(FilesMkDirP, BackslashRunPutsTheWalkBehindAndMakesARepeatedTailFolder) {
+    TempDir tmp;
+    ASSERT_EQ(::chdir(tmp.c_str()), 0);
+    EXPECT_EQ(ZEPO_MkDir_P("x\\\\\\yy/zzzz", 0755), 0);
+    EXPECT_TRUE(is_dir(tmp / "x/yy"));
+    EXPECT_TRUE(is_dir(tmp / "x/yy/y"));  // the walk restarted inside "yy"
+}
+
+TEST(FilesMkDirP, AbsolutePathWithABackslashRunMakesThePartThenGivesMinusOne) {
+    TempDir tmp;
+    // The walk falls behind by one separator, the prefix outgrows its buffer and the
+    // append fails: -1, after "ab" was made.
+    EXPECT_EQ(ZEPO_MkDir_P((tmp.path() + "/\\\\ab").c_str(), 0755), -1);
+    EXPECT_TRUE(is_dir(tmp / "ab"));
 }
 
 TEST(FilesMkDirP, DotSlashNameCreatesTheNameAndGivesZero) {
@@ -1636,6 +1657,14 @@ TEST(FilesCopy, NullAndEmptyPathsGiveMinusOne) {
     EXPECT_EQ(names_in(tmp.path()), (std::set<std::string>{"src"}));
 }
 
+TEST(FilesCopy, WriteErrorAfterBothFilesAreOpenStillGivesZero) {
+    TempDir tmp;
+    const std::string src = tmp / "src";
+    ASSERT_TRUE(write_file(src, std::string(2000, 'w')));
+    // Every write to /dev/full fails with ENOSPC; the copy stops and still gives 0.
+    EXPECT_EQ(ZEPO_CopyFile(src.c_str(), "/dev/full"), 0);
+}
+
 TEST(FilesCopy, SourceFolderOpensButFailsToReadAndStillGivesZero) {
     TempDir tmp;
     const std::string src = tmp / "dir";
@@ -1686,8 +1715,15 @@ TEST(FilesSpace, MountTableNameDefaultsToProcMounts) {
 
 TEST(FilesSpace, NullPathOrRecordGivesMinusOne) {
     ZEPO_SPACE_INFO space = space_pattern();
-    EXPECT_EQ(get_space_info(nullptr, &space), -1);
-    EXPECT_EQ(get_space_info("/", nullptr), -1);
+    EXPECT_REFUSED(get_space_info(nullptr, &space), -1);
+    EXPECT_REFUSED(get_space_info("/", nullptr), -1);
+    expect_space_pattern(space);
+}
+
+TEST(FilesSpace, EmptyPathIsNotRefusedButFailsInStatWithEnoent) {
+    ZEPO_SPACE_INFO space = space_pattern();
+    EXPECT_SERVICE_FAILS(get_space_info("", &space), -1, ENOENT);
+    expect_space_pattern(space);
 }
 
 TEST(FilesSpace, MissingPathGivesMinusOne) {
@@ -1970,6 +2006,19 @@ TEST(FilesFreeSpace, MissingPathLeavesTheRecordUntouched) {
     expect_space_pattern(space);
 }
 
+TEST(FilesFreeSpace, NullPathGoesToStatfsAndLeavesTheRecord) {
+    ZEPO_SPACE_INFO space = space_pattern();
+    errno = 0;
+    ZEPO_GetFreeSpace(nullptr, &space);
+    EXPECT_EQ(errno, EFAULT);
+    expect_space_pattern(space);
+}
+
+TEST(FilesFreeSpace, NullRecordIsRefusedWithoutTouchingErrno) {
+    TempDir tmp;
+    EXPECT_VOID_REFUSED(ZEPO_GetFreeSpace(tmp.c_str(), nullptr));
+}
+
 TEST(FilesFreeSpace, NullRecordDoesNotCrash) {
     TempDir tmp;
     ZEPO_GetFreeSpace(tmp.c_str(), nullptr);
@@ -2017,6 +2066,16 @@ TEST(FilesRelPath, RelativePathBecomesAbsolute) {
     EXPECT_EQ(std::string(out), want);
     EXPECT_EQ(ZEPO_RelPath(".", out, static_cast<int32_t>(sizeof out)), 0);
     EXPECT_EQ(std::string(out), want + "/sub");
+}
+
+TEST(FilesRelPath, NullPathGivesOneWithoutTouchingErrno) {
+    char out[64];
+    EXPECT_REFUSED(ZEPO_RelPath(nullptr, out, sizeof out), 1);
+}
+
+TEST(FilesRelPath, EmptyPathIsNotRefusedButFailsInRealpathWithEnoent) {
+    char out[64];
+    EXPECT_SERVICE_FAILS(ZEPO_RelPath("", out, sizeof out), 1, ENOENT);
 }
 
 TEST(FilesRelPath, OutlenEqualToTheResolvedLengthGivesOneAndAnEmptyOut) {

@@ -106,7 +106,8 @@ int32_t ZEPO_RmDir(const char *path);
 /* chdir(path): 0 or -1.  Text path refused: -1. */
 int32_t ZEPO_ChDir(const char *path);
 
-/* getcwd(buf, size), size signed 32-bit: buf or NULL.  Null buf: NULL. */
+/* getcwd(buf, size), size signed 32-bit: buf or NULL.  Null buf: NULL (no buffer is
+ * allocated, unlike getcwd(NULL, ...)). */
 char *ZEPO_GetCwd(char *buf, int32_t size);
 
 /* mkdir(path, mode): 0 or -1.  Text path refused: -1. */
@@ -149,7 +150,8 @@ FILE *ZEPO_Fopen(const char *path, const char *mode);
 /* Identical to ZEPO_Fopen on purpose. */
 FILE *ZEPO_Fsopen(const char *path, const char *mode);
 
-/* fflush(stream): 0 or EOF.  Null stream: -1. */
+/* fflush(stream): 0 or EOF.  Null stream: -1 (no stream is flushed, unlike
+ * fflush(NULL)). */
 int32_t ZEPO_Fflush(FILE *stream);
 
 /* fclose(stream): 0 or EOF.  Null stream: -1. */
@@ -252,21 +254,32 @@ int32_t ZEPO_Fcntl(int32_t fd, int32_t cmd, ...);
 extern char g_mtab_mnt_file[13];
 
 /*
- * Creates path and its missing parents with mode.  Repeated slashes collapse and a
- * backslash separates like a slash.  Returns 0 once the last part was made or tried -
- * creation failures (an existing directory, no permission) are not reported; "." and
- * ".." give 0 at once.  Returns -1 for a null or empty path, a path with neither a
- * slash nor a backslash (a single relative name is refused), or a string or memory
- * failure.  A relative path whose last part is one character stops one part early: for
- * "a/b" only "a/" is created.
+ * Creates path and its missing parents with mode, one prefix at a time.  A backslash
+ * separates like a slash; a path containing "//" is first rewritten with every run of
+ * slashes collapsed (and a leading slash dropped from the text, though the prefixes
+ * still start at "/").  Returns 0 once the last part was made or tried - creation
+ * failures (an existing directory, no permission) are not reported; "." and ".." give 0
+ * at once.  Returns -1 for a null or empty path, a path with neither a slash nor a
+ * backslash (a single relative name is refused), or a string or memory failure.
+ *
+ * The search for the next part steps by the length of the prefix made so far, so the
+ * oddities of that walk are part of the interface:
+ *  - a relative path whose last part is one character stops one part early: for "a/b"
+ *    only "a/" is created;
+ *  - a run of separators other than "//" (such as "/\") puts the walk behind, which
+ *    can create a repeated tail folder ("x\\\yy/zzzz" also creates "x/yy/y/") or, in
+ *    an absolute path, overrun the prefix buffer and give -1 after some folders were
+ *    made.
  */
 int32_t ZEPO_MkDir_P(const char *path, uint32_t mode);
 
 /*
  * Copies src to dst (created or truncated, with the source's permission bits less the
- * creation mask) in 512-byte chunks, retrying reads and writes interrupted by a signal.
- * Returns -1 when src cannot be opened or its status read, or dst cannot be opened;
- * otherwise 0, even when a later read or write fails (the copy is then short).
+ * creation mask) in 512-byte chunks, retrying reads and writes interrupted by a signal
+ * and continuing short writes.  Returns -1 when src cannot be opened or its status
+ * read, or dst cannot be opened; otherwise 0, even when a later read or write fails
+ * (the copy is then short).  A write of 0 bytes abandons the rest of its chunk and the
+ * copy goes on: the file is silently shortened.
  */
 int32_t ZEPO_CopyFile(const char *src, const char *dst);
 
@@ -275,8 +288,10 @@ int32_t ZEPO_CopyFile(const char *src, const char *dst);
  * table named by g_mtab_mnt_file: the first entry whose directory is path, whose device
  * name is path, whose device node is the device of path (or, for a block device path,
  * the device it represents), or whose directory lies on that device.  A file system of
- * 0 blocks gives three zeros.  Returns 0, or -1 for a null argument, a path that cannot
- * be read, a table that cannot be opened, no matching entry, or a failed statfs.
+ * 0 blocks gives three zeros.  Device names of the table that are not absolute
+ * ("none", "tmpfs") are looked up relative to the current folder.  Returns 0, or -1
+ * for a null argument, a path that cannot be read, a table that cannot be opened, no
+ * matching entry, a failed statfs, or no memory for the 16 KiB line buffer.
  */
 int32_t get_space_info(const char *path, ZEPO_SPACE_INFO *space);
 
@@ -292,8 +307,10 @@ void ZEPO_GetFreeSpace(const char *path, ZEPO_SPACE_INFO *space);
  */
 int32_t ZEPO_RelPath(const char *path, char *out, int32_t outlen);
 
-/* Releases a list of ZEPO_ScanDir: each of the first count entries (its slot then set
- * to NULL), then the array.  A null list is ignored. */
+/* Releases a list of ZEPO_ScanDir through ZEPO_MemTypeFreeD: each of the first count
+ * entries (its slot then set to NULL), then the array.  A null list is ignored.  The
+ * blocks come from the C library's scandir; the memory entry points hand them on to
+ * free.  (The name is spelled so on purpose.) */
 void ZEPO_DestoryNameList(struct dirent **list, uint32_t count);
 
 #ifdef __cplusplus
