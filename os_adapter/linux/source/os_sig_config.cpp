@@ -22,7 +22,14 @@ constexpr int kSetWords = FD_SETSIZE / (8 * sizeof(__fd_mask));
 static_assert(kSetWords == 16 && sizeof(fd_set) == 16 * sizeof(uint64_t));
 constexpr int kBitsPerWord = 8 * sizeof(__fd_mask);
 
-__fd_mask bit_of(int32_t fd) { return static_cast<__fd_mask>(1UL << (fd % kBitsPerWord)); }
+// The word of fd in set, found through the fortified index check.  Callers take it
+// before they compute the bit, so that a descriptor out of range ends the process in
+// the check and never reaches the shift.
+__fd_mask &word_of(int32_t fd, fd_set *set) { return set->fds_bits[__fdelt_chk(fd)]; }
+
+__fd_mask bit_of(int32_t fd) {
+    return static_cast<__fd_mask>(1UL << (static_cast<uint32_t>(fd) % kBitsPerWord));
+}
 
 // The shared steps of the waits with information: a 128-byte record from the memory
 // entry points, its address stored into the caller's place, the wait, and the release
@@ -126,17 +133,20 @@ int32_t ZEPO_Signal(int32_t sig, void (*handler)(int)) {
 
 void ZEPO_FD_SET(int32_t fd, fd_set *set) {
     if (set == nullptr) return;
-    set->fds_bits[__fdelt_chk(fd)] |= bit_of(fd);
+    __fd_mask &word = word_of(fd, set);
+    word |= bit_of(fd);
 }
 
 void ZEPO_FD_CLR(int32_t fd, fd_set *set) {
     if (set == nullptr) return;
-    set->fds_bits[__fdelt_chk(fd)] &= ~bit_of(fd);
+    __fd_mask &word = word_of(fd, set);
+    word &= ~bit_of(fd);
 }
 
 int32_t ZEPO_FD_ISSET(int32_t fd, const fd_set *set) {
     if (set == nullptr) return 0;
-    return (set->fds_bits[__fdelt_chk(fd)] & bit_of(fd)) != 0 ? 1 : 0;
+    const __fd_mask word = word_of(fd, const_cast<fd_set *>(set));
+    return (word & bit_of(fd)) != 0 ? 1 : 0;
 }
 
 void ZEPO_FD_ZERO(fd_set *set) {
