@@ -94,7 +94,9 @@ template <typename T>
 class HeapPtr {
 public:
     explicit HeapPtr(T *p, Where w = Where::current()) : p_(p), where_(w) {}
-    ~HeapPtr() { heap_free(p_, where_); }
+    ~HeapPtr() {
+        if (p_ != nullptr) heap_free(p_, where_);
+    }
     HeapPtr(const HeapPtr &) = delete;
     HeapPtr &operator=(const HeapPtr &) = delete;
 
