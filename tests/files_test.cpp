@@ -34,49 +34,15 @@
 #include "qel_frame.h"
 #include "qel_memory.h"
 
+#include "test_support.h"
+
 namespace {
 
-constexpr int kSentinel = 4242;
+using qel_test::kSentinel;
+using qel_test::TempDir;
 constexpr int64_t kLow32AllOnes = INT64_C(4294967295);
 
 // ---- Helpers -------------------------------------------------------------------------------
-
-int remove_entry(const char *path, const struct stat *, int, struct FTW *) {
-    return ::remove(path);
-}
-
-// A fresh folder under /tmp, removed with all it holds on destruction; the working folder of
-// the process is put back first.
-class TempDir {
-public:
-    TempDir() {
-        char name[] = "/tmp/qel_files_XXXXXX";
-        const char *made = ::mkdtemp(name);
-        if (made == nullptr) {
-            ADD_FAILURE() << "mkdtemp failed: " << std::strerror(errno);
-            return;
-        }
-        path_ = made;
-        cwd_ = ::open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    }
-    ~TempDir() {
-        if (cwd_ >= 0) {
-            if (::fchdir(cwd_) != 0) ::chdir("/");
-            ::close(cwd_);
-        }
-        if (!path_.empty()) ::nftw(path_.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
-    }
-    TempDir(const TempDir &) = delete;
-    TempDir &operator=(const TempDir &) = delete;
-
-    const std::string &path() const { return path_; }
-    const char *c_str() const { return path_.c_str(); }
-    std::string operator/(const std::string &name) const { return path_ + "/" + name; }
-
-private:
-    std::string path_;
-    int cwd_ = -1;
-};
 
 // Sets the creation mask for the life of the object.
 class UmaskGuard {
@@ -277,33 +243,6 @@ bool make_distinct_file(const std::string &path, const std::string &link) {
 }
 
 }  // namespace
-
-// Checks that a call is refused: the refusal value comes back and errno is left as it was.
-#define EXPECT_REFUSED(call, value)                               \
-    do {                                                          \
-        errno = kSentinel;                                        \
-        auto refused_result_ = (call);                            \
-        EXPECT_EQ(refused_result_, (value)) << #call;             \
-        EXPECT_EQ(errno, kSentinel) << #call << " changed errno"; \
-    } while (0)
-
-// Checks that a call without a result returns without touching errno.
-#define EXPECT_VOID_REFUSED(call)                                 \
-    do {                                                          \
-        errno = kSentinel;                                        \
-        call;                                                     \
-        EXPECT_EQ(errno, kSentinel) << #call << " changed errno"; \
-    } while (0)
-
-// Checks that a call fails in the service: the failure value comes back with errno of the
-// service (errno is set to a sentinel first, so a stale value cannot pass).
-#define EXPECT_SERVICE_FAILS(call, value, err)                            \
-    do {                                                                  \
-        errno = kSentinel;                                                \
-        auto failed_result_ = (call);                                     \
-        EXPECT_EQ(failed_result_, (value)) << #call;                      \
-        EXPECT_EQ(errno, (err)) << #call << ": " << std::strerror(errno); \
-    } while (0)
 
 // ==== Status record layout ====================================================================
 

@@ -12,6 +12,8 @@
 #include "os_frame.h"
 #include "qel_frame.h"
 
+#include "test_support.h"
+
 using testing::internal::CaptureStderr;
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStderr;
@@ -19,7 +21,7 @@ using testing::internal::GetCapturedStdout;
 
 namespace {
 
-constexpr int kSentinel = 4242;
+using qel_test::kSentinel;
 
 // Reads back what was written to a temporary stream.
 std::string contents(FILE *stream) {

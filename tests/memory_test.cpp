@@ -10,9 +10,11 @@
 
 #include "qel_memory.h"
 
+#include "test_support.h"
+
 namespace {
 
-constexpr int kSentinel = 4242;
+using qel_test::kSentinel;
 constexpr uint32_t kTypePlain = 0;
 constexpr uint32_t kTypeAligned = 2;
 

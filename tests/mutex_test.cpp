@@ -34,6 +34,8 @@
 
 #include "qel_mutex.h"
 
+#include "test_support.h"
+
 // ---- Layout of the record --------------------------------------------------------------------
 
 static_assert(sizeof(ZEPO_MUTEX) == 72, "the record is 64 bytes of mutex space and two markers");
@@ -60,7 +62,7 @@ static_assert(kStaticRecord.mutexSpace[0] == 0 && kStaticRecord.mutexSpace[1] ==
                   kStaticRecord.mutexSpace[6] == 0 && kStaticRecord.mutexSpace[7] == 0,
               "initialiser zeroes the mutex space");
 
-constexpr int kSentinel = 4242;
+using qel_test::kSentinel;
 constexpr uint32_t kAllOnes = 0xFFFFFFFFu;
 constexpr auto kPatience = std::chrono::seconds(30);
 
@@ -78,17 +80,12 @@ std::atomic<int> g_destroyFailureCode{0};
 thread_local int t_attrInitFailures = 0;
 thread_local int t_setTypeFailures = 0;
 
-template <typename Entry>
-Entry next_entry(const char *name) {
-    return reinterpret_cast<Entry>(dlsym(RTLD_NEXT, name));
-}
-
 }  // namespace
 
 extern "C" int pthread_mutex_init(pthread_mutex_t *mutex,
                                   const pthread_mutexattr_t *attr) noexcept {
     using Entry = int (*)(pthread_mutex_t *, const pthread_mutexattr_t *);
-    static const auto next = next_entry<Entry>("pthread_mutex_init");
+    static const auto next = qel_test::next_definition<Entry>("pthread_mutex_init");
     if (static_cast<const void *>(mutex) == g_watched.load()) {
         ++g_initCalls;
         if (g_initFailures.load() > 0) {
@@ -101,7 +98,7 @@ extern "C" int pthread_mutex_init(pthread_mutex_t *mutex,
 
 extern "C" int pthread_mutex_destroy(pthread_mutex_t *mutex) noexcept {
     using Entry = int (*)(pthread_mutex_t *);
-    static const auto next = next_entry<Entry>("pthread_mutex_destroy");
+    static const auto next = qel_test::next_definition<Entry>("pthread_mutex_destroy");
     if (static_cast<const void *>(mutex) == g_watched.load() && g_destroyFailures.load() > 0) {
         --g_destroyFailures;
         return g_destroyFailureCode.load();
@@ -111,7 +108,7 @@ extern "C" int pthread_mutex_destroy(pthread_mutex_t *mutex) noexcept {
 
 extern "C" int pthread_mutexattr_init(pthread_mutexattr_t *attr) noexcept {
     using Entry = int (*)(pthread_mutexattr_t *);
-    static const auto next = next_entry<Entry>("pthread_mutexattr_init");
+    static const auto next = qel_test::next_definition<Entry>("pthread_mutexattr_init");
     if (t_attrInitFailures > 0) {
         --t_attrInitFailures;
         return ENOMEM;
@@ -121,7 +118,7 @@ extern "C" int pthread_mutexattr_init(pthread_mutexattr_t *attr) noexcept {
 
 extern "C" int pthread_mutexattr_settype(pthread_mutexattr_t *attr, int kind) noexcept {
     using Entry = int (*)(pthread_mutexattr_t *, int);
-    static const auto next = next_entry<Entry>("pthread_mutexattr_settype");
+    static const auto next = qel_test::next_definition<Entry>("pthread_mutexattr_settype");
     if (t_setTypeFailures > 0) {
         --t_setTypeFailures;
         return EINVAL;

@@ -42,6 +42,8 @@
 #include "qel_memory.h"
 #include "qel_sem.h"
 
+#include "test_support.h"
+
 // ---- Layout of the record ----------------------------------------------------------------
 
 static_assert(offsetof(ZEPO_SEM, kind) == 0, "the kind marker opens the record");
@@ -56,16 +58,13 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;  // CLOCK_MONOTONIC
 
-constexpr int kSentinel = 4242;
+using qel_test::kSentinel;
 constexpr const char *kSemSource = "os_adapter/linux/source/os_sem_config.cpp";
 constexpr time_t kPast = 1000000;  // a wall-clock second long gone (January 1970)
 
 // ---- Interposition state -------------------------------------------------------------------
 
-template <typename Fn>
-Fn next_definition(const char *name) {
-    return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
-}
+using qel_test::next_definition;
 
 // clock_gettime: CLOCK_REALTIME reads fake_realtime while switched on.
 std::atomic<bool> fake_realtime_on{false};
@@ -434,33 +433,7 @@ private:
     size_t length_;
 };
 
-int remove_entry(const char *path, const struct stat *, int, struct FTW *) {
-    return ::remove(path);
-}
-
-// A fresh folder under /tmp, removed with all it holds on destruction.
-class TempDir {
-public:
-    TempDir() {
-        char name[] = "/tmp/qel_sem_XXXXXX";
-        const char *made = ::mkdtemp(name);
-        if (made == nullptr) {
-            ADD_FAILURE() << "mkdtemp failed: " << std::strerror(errno);
-            return;
-        }
-        path_ = made;
-    }
-    ~TempDir() {
-        if (!path_.empty()) ::nftw(path_.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
-    }
-    TempDir(const TempDir &) = delete;
-    TempDir &operator=(const TempDir &) = delete;
-
-    std::string operator/(const std::string &name) const { return path_ + "/" + name; }
-
-private:
-    std::string path_;
-};
+using qel_test::TempDir;
 
 // An open descriptor, closed on destruction.
 class Fd {

@@ -35,9 +35,11 @@
 #include "qel_memory.h"
 #include "qel_signal.h"
 
+#include "test_support.h"
+
 namespace {
 
-constexpr int kSentinel = 4242;
+using qel_test::kSentinel;
 constexpr unsigned char kPattern = 0xA5;
 constexpr const char *kSignalSource = "os_adapter/linux/source/os_sig_config.cpp";
 constexpr uint32_t kRecordSize = 128;
@@ -94,14 +96,6 @@ int non_null_releases() {
     return n;
 }
 
-template <typename Entry>
-Entry next_entry(const char *name) {
-    const int saved = errno;  // dlsym may leave an errno behind; the wrappers' must survive
-    auto entry = reinterpret_cast<Entry>(dlsym(RTLD_NEXT, name));
-    errno = saved;
-    return entry;
-}
-
 }  // namespace
 
 // Interposed in front of the library's own entry points, which the signal functions call
@@ -109,7 +103,7 @@ Entry next_entry(const char *name) {
 extern "C" void *ZEPO_MemTypeMallocD(uint32_t size, uint32_t type, uint32_t line,
                                      const char *file) {
     using Entry = void *(*)(uint32_t, uint32_t, uint32_t, const char *);
-    static const auto next = next_entry<Entry>("ZEPO_MemTypeMallocD");
+    static const auto next = qel_test::next_definition<Entry>("ZEPO_MemTypeMallocD");
     if (!watch.on) return next(size, type, line, file);
     void *block = watch.fail ? nullptr : next(size, type, line, file);
     const int i = watch.requests;
@@ -120,7 +114,7 @@ extern "C" void *ZEPO_MemTypeMallocD(uint32_t size, uint32_t type, uint32_t line
 
 extern "C" void ZEPO_MemTypeFreeD(void *ptr, uint32_t type, uint32_t line, const char *file) {
     using Entry = void (*)(void *, uint32_t, uint32_t, const char *);
-    static const auto next = next_entry<Entry>("ZEPO_MemTypeFreeD");
+    static const auto next = qel_test::next_definition<Entry>("ZEPO_MemTypeFreeD");
     if (watch.on) {
         int signo = 0;
         if (ptr != nullptr) std::memcpy(&signo, ptr, sizeof signo);  // still alive here

@@ -11,12 +11,14 @@
 #include "qel_memory.h"
 #include "qel_string.h"
 
+#include "test_support.h"
+
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
 
 namespace {
 
-constexpr int kSentinel = 4242;
+using qel_test::kSentinel;
 constexpr const char *kStringSource = "os_adapter/linux/source/os_str_config.cpp";
 
 void release(void *block) { ZEPO_MemTypeFreeD(block, 0, __LINE__, __FILE__); }
@@ -36,7 +38,7 @@ Request last_request;
 extern "C" void *ZEPO_MemTypeMallocS(uint32_t size, int32_t fill, uint32_t type, uint32_t line,
                                      const char *file) {
     using Entry = void *(*)(uint32_t, int32_t, uint32_t, uint32_t, const char *);
-    static const auto next = reinterpret_cast<Entry>(dlsym(RTLD_NEXT, "ZEPO_MemTypeMallocS"));
+    static const auto next = qel_test::next_definition<Entry>("ZEPO_MemTypeMallocS");
     last_request = Request{size, line, file != nullptr ? file : ""};
     return next(size, fill, type, line, file);
 }

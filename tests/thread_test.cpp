@@ -45,16 +45,15 @@
 #include "qel_mutex.h"
 #include "qel_thread.h"
 
+#include "test_support.h"
+
 namespace {
 
-constexpr int kSentinel = 4242;
+using qel_test::kSentinel;
 constexpr int64_t kNsPerMs = 1000000;
 constexpr int64_t kNsPerSecond = 1000000000;
 
-template <typename Fn>
-Fn next_definition(const char *name) {
-    return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
-}
+using qel_test::next_definition;
 
 // ---- State of the interposed functions ---------------------------------------------------
 // Plain constant-initialised data only: some of these functions may be called before any
