@@ -17,5 +17,6 @@
 #include "qel_time.h"
 #include "qel_socket.h"
 #include "qel_signal.h"
+#include "qel_queue.h"
 
 #endif /* QEL_OS_ADAPTER_H */
