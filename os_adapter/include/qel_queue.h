@@ -9,6 +9,11 @@
  * points.  A waiter that wakes and loses the race hands its token on and polls every
  * 1 ms until it succeeds or its time runs out.
  *
+ * A read wakes a blocked writer only when it takes from a full queue, one writer per
+ * such read.  With several writers waiting without limit, a writer can therefore stay
+ * blocked while there is room (and, once all are blocked, for good): give writers a
+ * time-out and retry on QEL_QUEUE_WRITE_TIMEOUT when several share a queue.
+ *
  * All queues hang in one process-wide registry, built by the first QEL_QueueCreate and
  * released with the last QEL_QueueDelete.  Ids count up from 1 and are not reused until
  * the 32-bit counter wraps.  Any thread may call any function; stop a queue's readers
