@@ -18,5 +18,7 @@
 #include "qel_socket.h"
 #include "qel_signal.h"
 #include "qel_queue.h"
+#include "qel_text.h"
+#include "qel_history.h"
 
 #endif /* QEL_OS_ADAPTER_H */

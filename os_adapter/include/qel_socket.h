@@ -171,6 +171,47 @@ int32_t ZEPO_TestIpType(const char *text);
  * failed first read writes -1 back, which fails as well. */
 int32_t qel_set_socketport_no_inherit(int32_t fd);
 
+/* ---- Port state scanner ------------------------------------------------------------- */
+
+/*
+ * Scans one kernel socket table in the format of /proc/net/tcp, tcp6, udp and udp6 for
+ * a socket whose LOCAL port is port (host order, compared as a whole 32-bit value).
+ * Returns 0 when such a line is found: *state receives the kernel's state code of that
+ * line (for TCP 10 is listening, 1 established; an unconnected UDP socket shows 7), and
+ * the line "LocalPort=%d, usPort=%d, state=%d\r\n" - the requested port twice, then the
+ * state, ending in CR LF - is printed to standard output through ZEPO_Printf.  Returns -1,
+ * with nothing printed and *state untouched, when the table cannot be opened or holds
+ * no such line; a null or empty path or a null state gives -1 without opening anything
+ * and leaves errno alone.
+ *
+ * The first line of the table (the column header) is always skipped, whatever it holds.
+ * A line counts only when it parses into all fifteen fields of the kernel's layout, so
+ * it must carry a word after the inode.  The first matching line wins, whatever its
+ * state or address; a port found only in the remote column does not count.
+ *
+ * Deliberate oddities: the end of the table is tested after each read, before the line
+ * read is looked at, so a last line without its newline is never parsed (the kernel
+ * always ends its lines).  A read that fails short of the end is simply tried again, so
+ * a path that opens but cannot be read - a folder - keeps the call reading forever.
+ * Nothing is allocated; the line buffer (8192 bytes) lives on the stack, and a longer
+ * line is read in pieces, each taken as a line of its own.
+ */
+int32_t zepoGet_Port_State(const char *path, uint32_t port, uint32_t *state);
+
+/*
+ * Whether a local port is in use on this host.  Only the low 16 bits of port are used,
+ * so 65536 is port 0 and 65537 is port 1.  protocol 1 is UDP: /proc/net/udp is scanned,
+ * then /proc/net/udp6 if the port was not there; protocol 2 is TCP, with /proc/net/tcp
+ * then /proc/net/tcp6 (zepoGet_Port_State).
+ *
+ * Returns 1 if the port was found, 0 if not, and -1 without reading anything for a port
+ * whose low 16 bits are 0 or any other protocol.  The state code found is deliberately
+ * not returned: a port in any state - listening, connected, closing - counts as in use.
+ * A found port prints the line of zepoGet_Port_State.  A table that cannot be opened
+ * counts as holding no such port, so a host without IPv6 answers from its IPv4 table.
+ */
+int32_t ZEPO_PortStat(int32_t port, int32_t protocol);
+
 #ifdef __cplusplus
 }
 #endif

@@ -18,6 +18,7 @@
 #include "os_frame.h"
 #include "qel_bounds.h"
 #include "qel_file.h"
+#include "qel_text.h"
 
 static_assert(sizeof(ZEPO_STAT) == 72);
 static_assert(offsetof(ZEPO_STAT, device) == 0);
@@ -613,6 +614,168 @@ void ZEPO_DestoryNameList(struct dirent **list, uint32_t count) {
         list[i] = nullptr;
     }
     qel::heap_free(list);
+}
+
+}  // extern "C"
+
+// ---- UTF-8 codec ----------------------------------------------------------------------
+
+namespace {
+
+// One form of the first UTF-8 definition (RFC 2279): a lead byte at or above `from`
+// starts `bytes` bytes and gives the bits of `lead` to the code point, most significant
+// first.  The 6-byte form takes bit 0 only: code points have 31 bits there.
+struct Utf8Form {
+    uint8_t from;
+    uint8_t lead;
+    int32_t bytes;
+};
+
+constexpr Utf8Form kUtf8Forms[] = {
+    {0xFC, 0x01, 6}, {0xF8, 0x03, 5}, {0xF0, 0x07, 4},
+    {0xE0, 0x0F, 3}, {0xC0, 0x1F, 2}, {0x00, 0xFF, 1},
+};
+
+// Each following byte carries 6 bits under its 10xxxxxx marker.
+constexpr uint32_t kTrailBits = 6;
+constexpr uint8_t kTrailMark = 0x80;
+constexpr uint8_t kTrailMask = 0x3F;
+
+// The lead byte's marker and payload mask for each length of encoding.
+constexpr uint8_t kLeadMark[7] = {0, 0x00, 0xC0, 0xE0, 0xF0, 0xF8, 0xFC};
+constexpr uint8_t kLeadMask[7] = {0, 0x7F, 0x1F, 0x0F, 0x07, 0x03, 0x01};
+
+// unicode_to_utf8 writes at most six bytes; the scratch area keeps room for a
+// terminator after them.
+constexpr uint32_t kEncodeScratch = 8;
+
+const Utf8Form &form_of(uint8_t lead) {
+    for (const Utf8Form &form : kUtf8Forms) {
+        if (lead >= form.from) return form;
+    }
+    return kUtf8Forms[5];  // not reached: the last form starts at 0
+}
+
+// Bytes of the encoding of cp; anything of 27 bits or more takes the 6-byte form.
+uint32_t encoded_length(uint32_t cp) {
+    if (cp <= 0x7F) return 1;
+    if (cp <= 0x7FF) return 2;
+    if (cp <= 0xFFFF) return 3;
+    if (cp <= 0x1FFFFF) return 4;
+    if (cp <= 0x3FFFFFF) return 5;
+    return 6;
+}
+
+}  // namespace
+
+extern "C" {
+
+int32_t utf8_to_unicode(const char *src, uint32_t *out) {
+    if (!qel::accepted(src, out)) return 0;
+    const auto *bytes = reinterpret_cast<const uint8_t *>(src);
+    const Utf8Form &form = form_of(bytes[0]);
+    uint32_t cp = bytes[0] & form.lead;
+    // Continuation bytes are taken on trust, the terminator among them: a sequence cut
+    // short by the end of the text reads past it.
+    for (int32_t i = 1; i < form.bytes; ++i) cp = (cp << kTrailBits) | (bytes[i] & kTrailMask);
+    *out = cp;
+    return form.bytes;
+}
+
+char *unicode_to_utf8(uint32_t cp, char *dst) {
+    if (!qel::accepted(dst)) return nullptr;
+    const uint32_t length = encoded_length(cp);
+    // The lead's mask keeps bit 30 alone in the 6-byte form: bit 31 is lost.
+    const uint32_t leadShift = kTrailBits * (length - 1);
+    dst[0] = static_cast<char>(kLeadMark[length] | ((cp >> leadShift) & kLeadMask[length]));
+    for (uint32_t i = 1; i < length; ++i) {
+        const uint32_t shift = kTrailBits * (length - 1 - i);
+        dst[i] = static_cast<char>(kTrailMark | ((cp >> shift) & kTrailMask));
+    }
+    return dst + length;
+}
+
+uint32_t get_unicode_strlen(const char *utf8) {
+    // Sizes buffers, it does not count characters: the 3- and 4-byte forms are counted
+    // twice, and lead bytes of the 5- and 6-byte forms step one byte only.
+    const uint32_t length = ZEPO_StrLen(utf8);
+    const auto *bytes = reinterpret_cast<const uint8_t *>(utf8);
+    uint32_t units = 0;
+    for (uint32_t i = 0; i < length;) {
+        const uint8_t lead = bytes[i];
+        if (lead < 0x80) {
+            units += 1;
+            i += 1;
+        } else if (lead >= 0xC0 && lead <= 0xDF) {
+            units += 1;
+            i += 2;
+        } else if (lead >= 0xE0 && lead <= 0xEF) {
+            units += 2;
+            i += 3;
+        } else if (lead >= 0xF0 && lead <= 0xF7) {
+            units += 2;
+            i += 4;
+        } else {
+            units += 1;
+            i += 1;
+        }
+    }
+    return units;
+}
+
+uint32_t *utf8Str_to_unicodeStr(const char *utf8) {
+    if (!qel::accepted(utf8)) return nullptr;
+    const uint32_t units = get_unicode_strlen(utf8);
+    if (units == 0) return nullptr;
+    const uint32_t size = units * 4 + 4;
+    auto *ucs = static_cast<uint32_t *>(qel::heap_alloc(size));
+    if (ucs == nullptr) return nullptr;
+    (void)memset_s(ucs, size, 0, size);
+
+    // The position steps by each form's length, so a lead byte that promises more bytes
+    // than remain steps over the terminator and decoding runs on into what follows.
+    // Only the room sized above is ever written: a run-on stops when the units are full.
+    const auto *bytes = reinterpret_cast<const uint8_t *>(utf8);
+    uint32_t at = 0;
+    for (uint32_t n = 0; n < units && bytes[at] != 0; ++n) {
+        at += static_cast<uint32_t>(utf8_to_unicode(utf8 + at, &ucs[n]));
+        ucs[n + 1] = 0;
+    }
+    return ucs;
+}
+
+uint32_t get_utf8_strlen(const uint32_t *ucs) {
+    if (!qel::accepted(ucs)) return 0;
+    uint32_t length = 0;
+    for (const uint32_t *unit = ucs; *unit != 0; ++unit) length += encoded_length(*unit);
+    return length;
+}
+
+char *unicodeStr_to_utf8Str(const uint32_t *ucs) {
+    const uint32_t length = get_utf8_strlen(ucs);
+    if (length == 0) return nullptr;
+    const uint32_t size = length + 1;
+    auto *utf8 = static_cast<char *>(qel::heap_alloc(size));
+    if (utf8 == nullptr) return nullptr;
+    (void)memset_s(utf8, size, 0, size);
+
+    uint32_t written = 0;
+    for (const uint32_t *unit = ucs; *unit != 0; ++unit) {
+        char scratch[kEncodeScratch];
+        (void)memset_s(scratch, sizeof scratch, 0, sizeof scratch);
+        char *end = unicode_to_utf8(*unit, scratch);
+        *end = '\0';
+        const uint32_t encoded = static_cast<uint32_t>(end - scratch);
+        if (encoded == 0) break;
+        // A character that would reach past the terminator's byte ends the text here.
+        if (encoded + written >= size) break;
+        // The copy is given the text's whole length as its room, not what is left of it;
+        // a failure is traced and the text carries on as if the copy had been made.
+        (void)qel::traced(memcpy_s(utf8 + written, length, scratch, encoded));
+        written += encoded;
+        utf8[written] = '\0';
+    }
+    return utf8;
 }
 
 }  // extern "C"

@@ -315,3 +315,124 @@ int32_t qel_set_socketport_no_inherit(int32_t fd) {
 }
 
 }  // extern "C"
+
+// ---- Port state scanner ----------------------------------------------------------------
+
+namespace {
+
+// One line of a kernel socket table (/proc/net/tcp and its kin), in the order the format
+// fills it.  Only the local port and the state are used; the other fields are parsed all
+// the same, so that only a complete line counts.
+struct SocketLine {
+    int32_t slot;
+    char localAddress[65];
+    uint32_t localPort;
+    char remoteAddress[65];
+    uint32_t remotePort;
+    uint32_t state;
+    unsigned long txQueue;
+    unsigned long rxQueue;
+    uint32_t timerActive;
+    unsigned long timerExpiry;
+    unsigned long retransmits;
+    int32_t uid;
+    int32_t timeout;
+    long inode;
+    char rest[513];
+};
+static_assert(sizeof(unsigned long) == 8 && sizeof(long) == 8);
+
+// The word after the inode is part of the line: a line that ends at the inode gives 14.
+constexpr int kSocketLineFields = 15;
+constexpr const char *kSocketLineFormat =
+    "%d: %64[0-9A-Fa-f]:%x %64[0-9A-Fa-f]:%x %x %lx:%lx %x:%lx %lx %d %d %ld %512s\n";
+
+// Big enough for any line the kernel writes; a longer one is read in pieces, each taken
+// as a line of its own.
+constexpr int kTableLineSize = 8192;
+
+constexpr int32_t kNotFound = -1;
+constexpr int32_t kProtocolUdp = 1;
+constexpr int32_t kProtocolTcp = 2;
+
+// Closes the table on every path out of the scan.
+class TableStream {
+public:
+    explicit TableStream(FILE *stream) : stream_(stream) {}
+    ~TableStream() {
+        if (stream_ != nullptr) fclose(stream_);
+    }
+    TableStream(const TableStream &) = delete;
+    TableStream &operator=(const TableStream &) = delete;
+    FILE *get() const { return stream_; }
+    explicit operator bool() const { return stream_ != nullptr; }
+
+private:
+    FILE *stream_;
+};
+
+int parse_socket_line(const char *line, SocketLine &f) {
+    return sscanf_s(line, kSocketLineFormat, &f.slot, f.localAddress, sizeof f.localAddress,
+                    &f.localPort, f.remoteAddress, sizeof f.remoteAddress, &f.remotePort, &f.state,
+                    &f.txQueue, &f.rxQueue, &f.timerActive, &f.timerExpiry, &f.retransmits, &f.uid,
+                    &f.timeout, &f.inode, f.rest, sizeof f.rest);
+}
+
+}  // namespace
+
+extern "C" {
+
+int32_t zepoGet_Port_State(const char *path, uint32_t port, uint32_t *state) {
+    if (!qel::accepted(qel::text(path), state)) return qel::kRefused;
+    char line[kTableLineSize];
+    (void)memset_s(line, sizeof line, 0, sizeof line);
+    TableStream table(fopen(path, "r"));
+    if (!table) return kNotFound;
+    bool headerSkipped = false;
+    for (;;) {
+        const bool read = fgets(line, kTableLineSize, table.get()) != nullptr;
+        // The end is tested before the line is looked at, so a last line without its
+        // newline is never parsed (the kernel always ends its lines).
+        if (feof(table.get())) return kNotFound;
+        // A read that fails short of the end is simply tried again.
+        if (!read) continue;
+        if (!headerSkipped) {
+            headerSkipped = true;
+            continue;
+        }
+        SocketLine fields;
+        (void)memset_s(&fields, sizeof fields, 0, sizeof fields);
+        if (parse_socket_line(line, fields) < kSocketLineFields) continue;
+        // The first line with this local port wins, whatever its state or address.
+        if (fields.localPort != port) continue;
+        ZEPO_Printf("LocalPort=%d, usPort=%d, state=%d\r\n", static_cast<int>(port),
+                    static_cast<int>(port), static_cast<int>(fields.state));
+        *state = fields.state;
+        return 0;
+    }
+}
+
+int32_t ZEPO_PortStat(int32_t port, int32_t protocol) {
+    // Only the low 16 bits name the port: 65536 is port 0, 65537 is port 1.
+    const uint32_t localPort = static_cast<uint16_t>(port);
+    if (localPort == 0) return qel::kRefused;
+    const char *ipv4Table = nullptr;
+    const char *ipv6Table = nullptr;
+    if (protocol == kProtocolUdp) {
+        ipv4Table = "/proc/net/udp";
+        ipv6Table = "/proc/net/udp6";
+    } else if (protocol == kProtocolTcp) {
+        ipv4Table = "/proc/net/tcp";
+        ipv6Table = "/proc/net/tcp6";
+    } else {
+        return qel::kRefused;
+    }
+    // The state found is not handed on: a port in any state is in use.  A table that
+    // cannot be opened holds no such port, so a host without IPv6 still answers.
+    uint32_t state = 0;
+    if (zepoGet_Port_State(ipv4Table, localPort, &state) == 0) return 1;
+    if (zepoGet_Port_State(ipv6Table, localPort, &state) == 0) return 1;
+    return 0;
+}
+
+}  // extern "C"

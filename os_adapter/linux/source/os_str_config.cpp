@@ -5,13 +5,17 @@
 
 #include <cctype>
 #include <cerrno>
+#include <clocale>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
+#include <cwchar>
+#include <iconv.h>
 #include <strings.h>
 
 #include "os_frame.h"
 #include "qel_bounds.h"
+#include "qel_text.h"
 
 namespace {
 
@@ -149,6 +153,216 @@ int32_t ZEPO_StrToInt32(const char *str, int32_t *out) {
     *out = static_cast<int32_t>(value);  // stored even when the conversion fails
     if (errno != ERANGE && end != str) return 0;
     ZEPO_SetLastErr(0);
+    return 1;
+}
+
+}  // extern "C"
+
+// ---- Text conversion ------------------------------------------------------------------
+//
+// The converters return blocks of the memory entry points, zero-filled before use.
+// Conversion errors of iconv, wcstombs and mbstowcs are not reported: what was
+// converted before the error is what comes back.
+
+namespace {
+
+// Wide characters are handed to iconv and sized as 4 bytes each.
+constexpr uint32_t kWideSize = 4;
+static_assert(sizeof(wchar_t) == kWideSize);
+
+// QEL_Utf8ToUnicodeW gives iconv 8 bytes of output room per input byte.
+constexpr uint32_t kUtf16Room = 8;
+// QEL_UnicodeToUtf8 gives iconv 24 bytes of output room per wide character.
+constexpr uint32_t kUtf8Room = 24;
+
+// One iconv descriptor, closed on every path out of the scope.  A failed open is not
+// tested: the conversion then fails and converts nothing, and the close fails too.
+class Converter {
+public:
+    Converter(const char *to, const char *from) : cd_(iconv_open(to, from)) {}
+    ~Converter() { close(); }
+    Converter(const Converter &) = delete;
+    Converter &operator=(const Converter &) = delete;
+
+    // One call over the whole input; returns the output room left free.  The result of
+    // iconv itself is not tested.
+    size_t convert(char *in, size_t inSize, char *out, size_t outSize) {
+        size_t inLeft = inSize;
+        size_t outLeft = outSize;
+        (void)iconv(cd_, &in, &inLeft, &out, &outLeft);
+        return outLeft;
+    }
+
+    void close() {
+        if (open_) (void)iconv_close(cd_);
+        open_ = false;
+    }
+
+private:
+    iconv_t cd_;
+    bool open_ = true;
+};
+
+// Appends the non-zero bytes of from[0, size) to to, in order; returns how many.
+uint32_t keep_nonzero_bytes(const char *from, size_t size, char *to) {
+    uint32_t kept = 0;
+    for (size_t i = 0; i < size; ++i) {
+        if (from[i] != '\0') to[kept++] = from[i];
+    }
+    return kept;
+}
+
+// The length a lead byte promises, in the 1- to 6-byte forms; any other byte stands
+// alone.  The bytes that follow are not looked at.
+int32_t promised_length(uint8_t lead) {
+    if (lead >= 0xFC) return 6;
+    if (lead >= 0xF8) return 5;
+    if (lead >= 0xF0) return 4;
+    if (lead >= 0xE0) return 3;
+    if (lead >= 0xC0) return 2;
+    return 1;
+}
+
+}  // namespace
+
+extern "C" {
+
+wchar_t *QEL_Utf8ToUnicodeW(const char *utf8) {
+    if (!qel::accepted(utf8)) return nullptr;
+    Converter converter("UTF-16LE", "utf-8");
+    // The terminator is converted too.  Sizes are kept in 32 bits.
+    const uint32_t inSize = ZEPO_StrLen(utf8) + 1;
+    const uint32_t outSize = inSize * kUtf16Room;
+    qel::HeapPtr<char> input(static_cast<char *>(qel::heap_alloc(inSize)));
+    if (!input) return nullptr;
+    qel::HeapPtr<char> output(static_cast<char *>(qel::heap_alloc(outSize)));
+    if (!output) return nullptr;
+    qel::HeapPtr<char> result(static_cast<char *>(qel::heap_alloc(outSize)));
+    if (!result) return nullptr;
+    (void)memset_s(input.get(), inSize, 0, inSize);
+    (void)memset_s(output.get(), outSize, 0, outSize);
+    (void)memset_s(result.get(), outSize, 0, outSize);
+    (void)memcpy_s(input.get(), inSize, utf8, inSize);
+
+    const size_t left = converter.convert(input.get(), inSize, output.get(), outSize);
+    converter.close();
+
+    // A quarter of the room left free is what is handed back, from the start of the
+    // output: the three-quarters cut is what callers have always received (ASCII text
+    // keeps 1.5 bytes per input byte of its 2).  A count of 0 copies nothing.
+    const size_t kept = left >> 2;
+    (void)memcpy_s(result.get(), kept, output.get(), kept);
+    return reinterpret_cast<wchar_t *>(result.release());
+}
+
+char *QEL_Utf8ToUnicodeA(const char *utf8) {
+    if (!qel::accepted(utf8)) return nullptr;
+    qel::HeapPtr<wchar_t> wide(QEL_Utf8ToUnicodeW(utf8));
+    if (!wide) return nullptr;
+    // The UTF-16LE buffer is measured as 32-bit wide characters, so its units pair up.
+    const uint32_t units = static_cast<uint32_t>(wcslen(wide.get()));
+    const uint32_t size = units * kWideSize + kWideSize;
+    qel::HeapPtr<char> copy(static_cast<char *>(qel::heap_alloc(size)));
+    if (!copy) return nullptr;
+    qel::HeapPtr<char> text(static_cast<char *>(qel::heap_alloc(size)));
+    if (!text) return nullptr;
+    (void)memset_s(copy.get(), size, 0, size);
+    (void)memset_s(text.get(), size, 0, size);
+    (void)memcpy_s(copy.get(), size, wide.get(), units * kWideSize);
+    // The zeros left behind terminate the text.
+    (void)keep_nonzero_bytes(copy.get(), size, text.get());
+    return text.release();
+}
+
+char *QEL_UnicodeToUtf8(const wchar_t *wide) {
+    if (!qel::accepted(wide)) return nullptr;
+    Converter converter("utf-8", "unicode");
+    const uint32_t units = static_cast<uint32_t>(wcslen(wide));
+    const uint32_t inSize = (units + 1) * kWideSize;
+    const uint32_t outSize = (units + 1) * kUtf8Room;
+    qel::HeapPtr<char> input(static_cast<char *>(qel::heap_alloc(inSize)));
+    if (!input) return nullptr;
+    qel::HeapPtr<char> output(static_cast<char *>(qel::heap_alloc(outSize)));
+    if (!output) return nullptr;
+    qel::HeapPtr<char> result(static_cast<char *>(qel::heap_alloc(outSize)));
+    if (!result) return nullptr;
+    (void)memset_s(input.get(), inSize, 0, inSize);
+    (void)memset_s(output.get(), outSize, 0, outSize);
+    (void)memset_s(result.get(), outSize, 0, outSize);
+    (void)memcpy_s(input.get(), inSize, wide, units * kWideSize);
+
+    const size_t left = converter.convert(input.get(), inSize, output.get(), outSize);
+    converter.close();
+
+    // As many bytes as iconv left free are scanned from the start of the output; the
+    // room is ample, so that covers all it wrote.  The zeros it wrote are dropped.
+    (void)keep_nonzero_bytes(output.get(), left, result.get());
+    return result.release();
+}
+
+char *QEL_UnicodeToLocale(const wchar_t *wide) {
+    if (!qel::accepted(wide)) return nullptr;
+    (void)setlocale(LC_CTYPE, "");
+    // An unconvertible character counts as all ones, and the size wraps to 0: the
+    // zero-byte block that is asked for then holds nothing.
+    const uint32_t size = static_cast<uint32_t>(wcstombs(nullptr, wide, 0) + 1);
+    auto *text = static_cast<char *>(qel::heap_alloc(size));
+    if (text == nullptr) return nullptr;
+    (void)memset_s(text, size, 0, size);
+    (void)wcstombs(text, wide, size);
+    return text;
+}
+
+wchar_t *QEL_LocaleToUnicodeW(const char *text) {
+    if (!qel::accepted(text)) return nullptr;
+    // Counted before the locale is set, the reverse of QEL_UnicodeToLocale: the first
+    // call in a process counts in the locale in force before it.  A rejected sequence
+    // wraps the count to 0, as there.
+    const uint32_t units = static_cast<uint32_t>(mbstowcs(nullptr, text, 0) + 1);
+    (void)setlocale(LC_CTYPE, "");
+    auto *wide = static_cast<wchar_t *>(qel::heap_alloc(units * kWideSize));
+    if (wide == nullptr) return nullptr;
+    (void)wmemset(wide, L'\0', units);
+    (void)mbstowcs(wide, text, units);
+    return wide;
+}
+
+char *QEL_LocaleToUtf8(const char *text) {
+    qel::HeapPtr<wchar_t> wide(QEL_LocaleToUnicodeW(text));
+    if (!wide) return nullptr;
+    return QEL_UnicodeToUtf8(wide.get());
+}
+
+char *QEL_Utf8ToLocale(const char *utf8) {
+    // The UTF-16LE buffer goes on as 32-bit wide characters, two units to each.
+    qel::HeapPtr<wchar_t> wide(QEL_Utf8ToUnicodeW(utf8));
+    if (!wide) return nullptr;
+    return QEL_UnicodeToLocale(wide.get());
+}
+
+void QEL_StrMemFree(void *p) { qel::heap_free(p); }
+
+char *ZEPO_StrTok_S(char *str, const char *delim, char **context) {
+    return strtok_s(str, delim, context);
+}
+
+int32_t QEL_Utf8Check(char *text, int32_t len) {
+    if (!qel::accepted(text) || len == 0) return 1;
+    if (len < 0) {
+        text[0] = '\0';
+        return 1;
+    }
+    const auto *bytes = reinterpret_cast<const uint8_t *>(text);
+    int32_t at = 0;
+    int32_t last = 0;
+    do {
+        if (bytes[at] == 0) return 0;
+        last = at;
+        at += promised_length(bytes[at]);
+    } while (at < len);
+    // Not ended within len bytes: the last character looked at is cut off, complete or
+    // not, so that no partial sequence can remain.
+    text[last] = '\0';
     return 1;
 }
 
