@@ -12,6 +12,9 @@
 // are found through the records the set-up calls were given while a test was recording.
 
 #include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <csignal>
 
 #include <semaphore.h>
 #include <time.h>
@@ -1173,6 +1176,50 @@ TEST_F(QueueRead, TimedReadOnAnEmptyQueueTimesOut) {
     EXPECT_EQ(count_of(Call::SemWaitTimeOut, made.readSem), 1u) << describe();
     EXPECT_EQ(count_of(Call::SleepMs), 0u) << "no retry: " << describe();
     EXPECT_EQ(QEL_QueueDelete(made.id), QEL_QUEUE_OK);
+}
+
+void ignore_signal(int) {}
+
+TEST_F(QueueRead, UntimedReadInterruptedByASignalWaitsAgainAndLeavesNoStrayToken) {
+    // A handler without SA_RESTART makes the blocked semaphore wait end with EINTR.
+    struct sigaction action = {};
+    action.sa_handler = ignore_signal;
+    sigemptyset(&action.sa_mask);
+    ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
+    const uint32_t id = create(4, 16);
+    start_recording();
+    std::atomic<bool> started{false};
+    std::atomic<pthread_t> readerThread{};
+    Worker reader([&] {
+        readerThread.store(pthread_self());
+        started = true;
+        return take(id, 16, 0).result;
+    });
+    ASSERT_TRUE(wait_until([&] { return started.load(); }));
+    // Signal until the reader has been back into its wait at least once.
+    ASSERT_TRUE(wait_until([&] {
+        pthread_kill(readerThread.load(), SIGUSR1);
+        return count_of(Call::SemWait) >= 2;
+    }));
+    ASSERT_EQ(put(id, "abc"), QEL_QUEUE_OK);
+    EXPECT_EQ(reader.result(), std::optional<uint32_t>(3u));
+    // No token was made up for the interrupted wait: a timed read of the empty queue
+    // expires in its wait rather than after fruitless wake-ups.
+    EXPECT_EQ(take(id, 16, 100).result, QEL_QUEUE_READ_TIMEOUT);
+}
+
+TEST_F(QueueRead, BufferSizeAboveTheLimitFailsTheTracedCopyAndTheMessageIsLost) {
+    const uint32_t id = create(4, 16);
+    ASSERT_EQ(put(id, "abc"), QEL_QUEUE_OK);
+    char buffer[8];
+    memset(buffer, 'Z', sizeof buffer);
+    CaptureStdout();
+    const uint32_t result = QEL_QueueRead(id, 100, buffer, 0x80000000u);
+    const std::string printed = GetCapturedStdout();
+    EXPECT_EQ(result, 3u);  // the bytes it would have copied
+    EXPECT_TRUE(is_trace_line(printed, 34)) << printed;
+    EXPECT_EQ(std::string(buffer, sizeof buffer), std::string(sizeof buffer, 'Z'));
+    EXPECT_EQ(QEL_QueueGetMsgNum(id), 0u);
 }
 
 TEST_F(QueueRead, FailedTimedWaitGivesTheTimeOutCodeAtOnce) {

@@ -145,7 +145,10 @@ uint32_t wait_then(QueueRecord *q, ZEPO_SEM *sem, uint32_t timeoutMs, Ready read
     };
     if (timeoutMs == 0) {
         for (;;) {
-            ZEPO_SemWait(sem);
+            // Only a wait that took a token counts: one ended by a signal waits again,
+            // so the tokens keep matching the messages (or the room).
+            while (ZEPO_SemWait(sem) != 0) {
+            }
             if (attempt()) return result;
         }
     }
