@@ -4,10 +4,11 @@
  * A queue holds up to its capacity of messages of 1 to maxMsgLen bytes each, in the
  * order written.  A writer copies its message in; a reader takes the oldest one out into
  * its own buffer.  Writers wait while the queue is full, readers while it is empty -
- * without limit (time-out 0) or up to a time-out in milliseconds, measured on the
- * 32-bit run-time clock.  Every message costs two allocations from the memory entry
- * points.  A waiter that wakes and loses the race hands its token on and polls every
- * 1 ms until it succeeds or its time runs out.
+ * without limit (time-out 0) or up to a time-out in milliseconds.  Each timed wait on a
+ * semaphore has a deadline on the wall clock (setting the clock moves it); the time left
+ * between wake-ups is kept on the 32-bit run-time clock.  Every message costs two allocations from
+ * the memory entry points.  A waiter that wakes and loses the race hands its token on and polls
+ * every 1 ms until it succeeds or its time runs out.
  *
  * A read wakes a blocked writer only when it takes from a full queue, one writer per
  * such read.  With several writers waiting without limit, a writer can therefore stay
@@ -16,8 +17,11 @@
  *
  * All queues hang in one process-wide registry, built by the first QEL_QueueCreate and
  * released with the last QEL_QueueDelete.  Ids count up from 1 and are not reused until
- * the 32-bit counter wraps.  Any thread may call any function; stop a queue's readers
- * and writers before deleting it: nobody blocked on a deleted queue is woken.
+ * the 32-bit counter wraps.  Threads may use queues concurrently, with these limits: the
+ * registry is built and released without a guard, so the first QEL_QueueCreate and the
+ * delete of the last queue must not overlap any other queue call; and no call on a queue
+ * may overlap its delete - stop its readers and writers first (nobody blocked on a
+ * deleted queue is woken).
  *
  * Results are the codes below (0 for success); QEL_QueueRead returns the bytes read
  * instead, and QEL_QueueGetMsgNum the number of messages held.  Nothing is printed,
@@ -51,13 +55,14 @@ extern "C" {
 #define QEL_QUEUE_DELETE_NO_QUEUE 0x20050050u         /* no queue with this id */
 #define QEL_QUEUE_DELETE_VANISHED 0x20050051u         /* the queue went away during the delete */
 #define QEL_QUEUE_COUNT_NO_QUEUE 0x20050054u          /* no queue with this id */
-#define QEL_QUEUE_WRITE_TIMEOUT 0x20050065u           /* the queue stayed full until the time-out */
+#define QEL_QUEUE_WRITE_TIMEOUT \
+    0x20050065u /* the wait failed or expired, or the queue stayed full */
 
 /*
  * Creates a queue of capacity messages (0 is accepted: such a queue takes no message) of
  * at most maxMsgLen bytes each, and stores its id in *queueIdOut.  mode (0 or 1) is
  * stored and not used.  name is copied without its terminator into a 32-byte field;
- * a longer name fails that copy (the failure trace is printed and the field stays
+ * a name longer than 32 bytes fails that copy (the failure trace is printed and the field stays
  * empty) and the queue is created all the same.  Checks, in this order:
  * QEL_QUEUE_CREATE_BAD_MODE, QEL_QUEUE_CREATE_MSGLEN_ZERO, QEL_QUEUE_CREATE_NULL_NAME,
  * QEL_QUEUE_CREATE_NO_ID.  Then QEL_QUEUE_NO_MEMORY, QEL_QUEUE_CREATE_NO_LOCK, or
@@ -88,10 +93,13 @@ uint32_t QEL_QueueWrite(uint32_t queueId, const void *message, uint32_t length, 
  * Takes the oldest message into buffer, waiting while the queue is empty: without limit
  * for timeoutMs 0, else up to timeoutMs milliseconds.  Returns the number of bytes
  * copied (1 or more): a message longer than bufferSize is cut to it and its rest is
- * lost.  Otherwise QEL_QUEUE_READ_ZERO_SIZE, QEL_QUEUE_READ_NULL_BUFFER,
- * QEL_QUEUE_READ_NO_QUEUE (checked in this order), QEL_QUEUE_READ_TIMEOUT when the wait
- * itself failed or expired, or QEL_QUEUE_READ_TIMEOUT_AFTER_WAKE when the time ran out
- * after a wake-up that found no message - two different codes, on purpose.
+ * lost.  A bufferSize above 0x7FFFFFFF fails the checked copy (the failure trace is
+ * printed, the buffer is left untouched) and the message is lost all the same, with the
+ * count of bytes it would have given returned.  Otherwise QEL_QUEUE_READ_ZERO_SIZE,
+ * QEL_QUEUE_READ_NULL_BUFFER, QEL_QUEUE_READ_NO_QUEUE (checked in this order),
+ * QEL_QUEUE_READ_TIMEOUT when the wait itself failed or expired, or
+ * QEL_QUEUE_READ_TIMEOUT_AFTER_WAKE when the time ran out after a wake-up that found no message -
+ * two different codes, on purpose.
  */
 uint32_t QEL_QueueRead(uint32_t queueId, uint32_t timeoutMs, void *buffer, uint32_t bufferSize);
 
