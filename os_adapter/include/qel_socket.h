@@ -189,10 +189,10 @@ int32_t qel_set_socketport_no_inherit(int32_t fd);
  * it must carry a word after the inode.  The first matching line wins, whatever its
  * state or address; a port found only in the remote column does not count.
  *
- * Deliberate oddities: the end of the table is tested after each read, before the line
- * read is looked at, so a last line without its newline is never parsed (the kernel
- * always ends its lines).  A read that fails short of the end is simply tried again, so
- * a path that opens but cannot be read - a folder - keeps the call reading forever.
+ * The end of the table is tested after each read attempt (a last line without its
+ * newline is still looked at first).  A read that fails short of the end is simply tried
+ * again, so a path that opens but cannot be read - a folder - keeps the call reading
+ * forever: pass only table files.
  * Nothing is allocated; the line buffer (8192 bytes) lives on the stack, and a longer
  * line is read in pieces, each taken as a line of its own.
  */

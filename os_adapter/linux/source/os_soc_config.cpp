@@ -390,25 +390,24 @@ int32_t zepoGet_Port_State(const char *path, uint32_t port, uint32_t *state) {
     if (!table) return kNotFound;
     bool headerSkipped = false;
     for (;;) {
-        const bool read = fgets(line, kTableLineSize, table.get()) != nullptr;
-        // The end is tested before the line is looked at, so a last line without its
-        // newline is never parsed (the kernel always ends its lines).
-        if (feof(table.get())) return kNotFound;
-        // A read that fails short of the end is simply tried again.
-        if (!read) continue;
-        if (!headerSkipped) {
+        if (fgets(line, kTableLineSize, table.get()) != nullptr) {
+            if (headerSkipped) {
+                SocketLine fields;
+                (void)memset_s(&fields, sizeof fields, 0, sizeof fields);
+                // The first line with this local port wins, whatever its state or address.
+                if (parse_socket_line(line, fields) >= kSocketLineFields &&
+                    fields.localPort == port) {
+                    ZEPO_Printf("LocalPort=%d, usPort=%d, state=%d\r\n", static_cast<int>(port),
+                                static_cast<int>(port), static_cast<int>(fields.state));
+                    *state = fields.state;
+                    return 0;
+                }
+            }
             headerSkipped = true;
-            continue;
         }
-        SocketLine fields;
-        (void)memset_s(&fields, sizeof fields, 0, sizeof fields);
-        if (parse_socket_line(line, fields) < kSocketLineFields) continue;
-        // The first line with this local port wins, whatever its state or address.
-        if (fields.localPort != port) continue;
-        ZEPO_Printf("LocalPort=%d, usPort=%d, state=%d\r\n", static_cast<int>(port),
-                    static_cast<int>(port), static_cast<int>(fields.state));
-        *state = fields.state;
-        return 0;
+        // After each read attempt: the end of the table ends the scan; a read that failed
+        // short of the end is simply tried again.
+        if (feof(table.get())) return kNotFound;
     }
 }
 
