@@ -223,6 +223,28 @@ int32_t promised_length(uint8_t lead) {
     return 1;
 }
 
+// The three blocks of a conversion through iconv - a copy of the input, the output and
+// the result - allocated in this order and zero-filled.  An allocation that fails stops
+// the rest; ok() is then false, and the blocks already made are released with the
+// holder, as are those not handed on.
+struct ConversionBlocks {
+    ConversionBlocks(uint32_t inSize, uint32_t outSize)
+        : input(zeroed_block(inSize)),
+          output(input ? zeroed_block(outSize) : nullptr),
+          result(output ? zeroed_block(outSize) : nullptr) {}
+    bool ok() const { return static_cast<bool>(result); }
+
+    static char *zeroed_block(uint32_t size) {
+        auto *block = static_cast<char *>(qel::heap_alloc(size));
+        if (block != nullptr) (void)memset_s(block, size, 0, size);
+        return block;
+    }
+
+    qel::HeapPtr<char> input;
+    qel::HeapPtr<char> output;
+    qel::HeapPtr<char> result;
+};
+
 }  // namespace
 
 extern "C" {
@@ -233,26 +255,19 @@ wchar_t *QEL_Utf8ToUnicodeW(const char *utf8) {
     // The terminator is converted too.  Sizes are kept in 32 bits.
     const uint32_t inSize = ZEPO_StrLen(utf8) + 1;
     const uint32_t outSize = inSize * kUtf16Room;
-    qel::HeapPtr<char> input(static_cast<char *>(qel::heap_alloc(inSize)));
-    if (!input) return nullptr;
-    qel::HeapPtr<char> output(static_cast<char *>(qel::heap_alloc(outSize)));
-    if (!output) return nullptr;
-    qel::HeapPtr<char> result(static_cast<char *>(qel::heap_alloc(outSize)));
-    if (!result) return nullptr;
-    (void)memset_s(input.get(), inSize, 0, inSize);
-    (void)memset_s(output.get(), outSize, 0, outSize);
-    (void)memset_s(result.get(), outSize, 0, outSize);
-    (void)memcpy_s(input.get(), inSize, utf8, inSize);
+    ConversionBlocks blocks(inSize, outSize);
+    if (!blocks.ok()) return nullptr;
+    (void)memcpy_s(blocks.input.get(), inSize, utf8, inSize);
 
-    const size_t left = converter.convert(input.get(), inSize, output.get(), outSize);
+    const size_t left = converter.convert(blocks.input.get(), inSize, blocks.output.get(), outSize);
     converter.close();
 
     // A quarter of the room left free is what is handed back, from the start of the
     // output: the three-quarters cut is what callers have always received (ASCII text
     // keeps 1.5 bytes per input byte of its 2).  A count of 0 copies nothing.
     const size_t kept = left >> 2;
-    (void)memcpy_s(result.get(), kept, output.get(), kept);
-    return reinterpret_cast<wchar_t *>(result.release());
+    (void)memcpy_s(blocks.result.get(), kept, blocks.output.get(), kept);
+    return reinterpret_cast<wchar_t *>(blocks.result.release());
 }
 
 char *QEL_Utf8ToUnicodeA(const char *utf8) {
@@ -280,24 +295,17 @@ char *QEL_UnicodeToUtf8(const wchar_t *wide) {
     const uint32_t units = static_cast<uint32_t>(wcslen(wide));
     const uint32_t inSize = (units + 1) * kWideSize;
     const uint32_t outSize = (units + 1) * kUtf8Room;
-    qel::HeapPtr<char> input(static_cast<char *>(qel::heap_alloc(inSize)));
-    if (!input) return nullptr;
-    qel::HeapPtr<char> output(static_cast<char *>(qel::heap_alloc(outSize)));
-    if (!output) return nullptr;
-    qel::HeapPtr<char> result(static_cast<char *>(qel::heap_alloc(outSize)));
-    if (!result) return nullptr;
-    (void)memset_s(input.get(), inSize, 0, inSize);
-    (void)memset_s(output.get(), outSize, 0, outSize);
-    (void)memset_s(result.get(), outSize, 0, outSize);
-    (void)memcpy_s(input.get(), inSize, wide, units * kWideSize);
+    ConversionBlocks blocks(inSize, outSize);
+    if (!blocks.ok()) return nullptr;
+    (void)memcpy_s(blocks.input.get(), inSize, wide, units * kWideSize);
 
-    const size_t left = converter.convert(input.get(), inSize, output.get(), outSize);
+    const size_t left = converter.convert(blocks.input.get(), inSize, blocks.output.get(), outSize);
     converter.close();
 
     // As many bytes as iconv left free are scanned from the start of the output; the
     // room is ample, so that covers all it wrote.  The zeros it wrote are dropped.
-    (void)keep_nonzero_bytes(output.get(), left, result.get());
-    return result.release();
+    (void)keep_nonzero_bytes(blocks.output.get(), left, blocks.result.get());
+    return blocks.result.release();
 }
 
 char *QEL_UnicodeToLocale(const wchar_t *wide) {
