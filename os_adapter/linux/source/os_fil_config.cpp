@@ -636,7 +636,7 @@ constexpr Utf8Form kUtf8Forms[] = {
     {0xE0, 0x0F, 3}, {0xC0, 0x1F, 2}, {0x00, 0xFF, 1},
 };
 
-// Each following byte carries 6 bits under its 10xxxxxx marker.
+// Each following byte carries 6 bits below its two marker bits (binary 10).
 constexpr uint32_t kTrailBits = 6;
 constexpr uint8_t kTrailMark = 0x80;
 constexpr uint8_t kTrailMask = 0x3F;
