@@ -20,5 +20,7 @@
 #include "qel_queue.h"
 #include "qel_text.h"
 #include "qel_history.h"
+#include "qel_timer.h"
+#include "qel_timer_engine.h"
 
 #endif /* QEL_OS_ADAPTER_H */

@@ -1,0 +1,112 @@
+// tmr_engine.h - what the timer sources share inside the library (never installed): the
+// intrusive list every engine list is made of, race-free access to the exported counters
+// and pointers, the split form of tasklet queuing, and the driver's started flag.
+#ifndef QEL_TMR_ENGINE_H
+#define QEL_TMR_ENGINE_H
+
+#include <cstdint>
+
+#include "qel_timer_engine.h"
+
+namespace qel::timer {
+
+// ---- Circular doubly linked lists ----------------------------------------------------
+//
+// Every list of the engine (tasklet queues, wheel slots, the calendar list) is circular
+// with a sentinel, and every element starts with the two links.  A TaskletQueue is its
+// own sentinel though it is not an entry, so the links are reached through a type that
+// may alias any record beginning with two pointers.
+struct __attribute__((may_alias)) Link {
+    Link *next;
+    Link *prev;
+};
+
+template <typename T>
+Link *link_of(T *record) {
+    return reinterpret_cast<Link *>(record);
+}
+
+inline void make_empty(Link *sentinel) { sentinel->next = sentinel->prev = sentinel; }
+
+// A record in no list points at itself.
+inline bool in_list(const Link *record) { return record->next != record; }
+
+inline bool is_empty(const Link *sentinel) { return sentinel->next == sentinel; }
+
+inline void insert_after(Link *position, Link *record) {
+    record->prev = position;
+    record->next = position->next;
+    position->next->prev = record;
+    position->next = record;
+}
+
+inline void insert_before(Link *position, Link *record) { insert_after(position->prev, record); }
+
+// Takes the record out of its list and points both links at itself.
+inline void unlink(Link *record) {
+    record->prev->next = record->next;
+    record->next->prev = record->prev;
+    make_empty(record);
+}
+
+// ---- Shared words ---------------------------------------------------------------------
+//
+// The counters, free-list pointers and call-back slots are exported as plain C objects.
+// Some are read without a lock (the creation limits, the trace hook, the free-list head
+// of the absolute module), so every access inside the library is atomic; relaxed order
+// suffices, since the records they lead to are published under the index locks.
+template <typename T>
+T load(const T &word) {
+    return __atomic_load_n(&word, __ATOMIC_RELAXED);
+}
+
+template <typename T>
+void store(T &word, T value) {
+    __atomic_store_n(&word, value, __ATOMIC_RELAXED);
+}
+
+inline void count_up(int32_t &counter) { __atomic_fetch_add(&counter, 1, __ATOMIC_RELAXED); }
+inline void count_down(int32_t &counter) { __atomic_fetch_sub(&counter, 1, __ATOMIC_RELAXED); }
+
+// ---- Handle tables ----------------------------------------------------------------------
+
+// Both modules chain a fresh table the same way: cell i holds the address of cell i + 1,
+// the last holds nothing; head and tail are the first and last cells.
+void chain_cells(void **table, uint32_t cells, void **&head, void **&tail);
+
+// Appends a cell at the tail of a free list and makes it the list's end (index lock
+// held by the caller).
+void append_free_cell(void **cell, void **&head, void **&tail);
+
+// Bytes of a table of cells, 0 when the count is 0 or the size does not fit the 32-bit
+// size of the memory entry points.
+uint32_t table_bytes(uint32_t cells);
+
+// ---- Tasklets -----------------------------------------------------------------------------
+//
+// tsklet_invokelater/invokefirst allocate and link in one call.  The engine's free paths
+// need the entry before they change anything, so that a failed allocation leaves the
+// timer as it was: they allocate first, then commit under their index lock.
+TaskletEntry *new_tasklet(TSKLET_FUNC pfnTask, void *arg);
+void queue_last(TaskletQueue *queue, TaskletEntry *entry);
+void queue_first(TaskletQueue *queue, TaskletEntry *entry);
+// Sets errno to ENOMEM and gives 12: the result of every failed allocation of the engine.
+uint32_t no_memory();
+
+// ---- Relative timers -------------------------------------------------------------------
+
+// Stores the creator's line and name into the timer a fresh handle holds (under the index
+// lock; nothing happens when the handle no longer holds a timer).
+void name_creator(void *handle, uint32_t line, const char *name);
+
+// ---- Driver ------------------------------------------------------------------------------
+
+// The started flag of the driver (1 from a successful petimer_start to petimer_stop).
+bool engine_started();
+
+// True on the driver thread.
+bool on_driver_thread();
+
+}  // namespace qel::timer
+
+#endif  // QEL_TMR_ENGINE_H
