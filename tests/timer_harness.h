@@ -216,6 +216,13 @@ inline size_t live_blocks() {
     return m.live.size();
 }
 
+// True while block, handed out by the memory entry points, has not been released.
+inline bool is_live(const void *block) {
+    MemoryState &m = memory_state();
+    std::lock_guard<std::mutex> hold(m.lock);
+    return m.live.count(const_cast<void *>(block)) != 0;
+}
+
 // The n-th allocation from now fails (1: the next one); with a file suffix, only
 // allocations charged to a source path ending so are counted.
 inline void fail_allocation(int nth, const std::string &fileSuffix = "") {

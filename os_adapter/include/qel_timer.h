@@ -25,10 +25,17 @@
  * once, and its handle is invalid at once).  A relative call-back that takes more than
  * 100 ms is reported through the trace function (ZEPO_TimerRegDebugTrace) as
  * "warning: timer_timeout_proc execution time is too long! timer[<name>:<line>] takes
- * time <ms>" with the creator's name and line.  A stop completion function (pfnDone) runs
- * while the driver holds the engine's request queue lock: it must not call the start,
- * stop or free functions of the same kind of timer (relative or absolute), and it must
- * not block.  No call-back may call ZEPO_StopTimerTask (it is refused there with -1).
+ * time <ms>" with the creator's name and line.  No call-back may call ZEPO_StopTimerTask
+ * (it is refused there with -1).
+ *
+ * Stop completion functions (pfnDone) run while the driver holds the request queue lock
+ * of their kind of timer, and must not block.  A relative one must call no relative
+ * timer function at all - no creation, request, ZEPO_FreeRelTimerArg_safe,
+ * ZEPO_StartRelTimer_Simple or group function: each takes the relative index lock, which
+ * an application thread may hold while it waits for the queue lock, and both would wait
+ * for ever.  It may release memory directly (ZEPO_MemTypeFreeD): its timer has already
+ * left the wheel.  An absolute one may make absolute requests; they are carried out at
+ * the next check.
  *
  * Handles.  A handle is the address of a cell of the engine's handle table (see
  * qel_timer_engine.h); it stays the same for the life of the timer, and a freed cell is
@@ -82,13 +89,16 @@ typedef void (*ZEPO_GRP_TIMEOUT_FUNC)(uint32_t index, uint32_t arg);
 
 /*
  * Starts the engine (nothing to do when it already runs): builds both handle tables,
- * starts the driver thread with the attributes attr (NULL: the defaults) and sends
- * "Timer initialize success.\n" to the trace function.  When threadIdOut is not null the
- * driver's thread id is stored there (0 when no thread was made).  Returns 0 (also when
- * the engine already runs); -1 while the engine is stopping; 22 when a timer limit is 0;
- * 12 (errno ENOMEM) when a table cannot be allocated; 1 when a lock cannot be set up;
- * or the error number of pthread_create.  A failed start may leave tables behind, which
- * the next start replaces.
+ * starts the driver thread with the attributes attr (NULL: the defaults; they must leave
+ * the thread joinable, or ZEPO_StopTimerTask cannot wait for it) and sends
+ * "Timer initialize success.\n" to the trace function.  When threadIdOut is not null and
+ * a thread was made, its id is stored there (0 when pthread_create failed; nothing is
+ * stored when the engine already runs or fails before that).  Returns 0 (also when the
+ * engine already runs); -1 while the engine is stopping; 22 when a timer limit is 0;
+ * 12 (errno ENOMEM) when a table cannot be allocated; 1 when an index lock cannot be set
+ * up; the error number of pthread_mutex_init (or -1) when a queue lock cannot; or the
+ * error number of pthread_create.  A failed start may leave tables behind, which the
+ * next start replaces.
  */
 int32_t ZEPO_StartTimerTask(uint64_t *threadIdOut, const pthread_attr_t *attr);
 
@@ -109,8 +119,9 @@ int32_t ZEPO_StopTimerTask(void);
 
 /*
  * Creates a relative timer (not running) with call-back pfnTimeout and mode (0 periodic,
- * 1 one-shot, 2 one-shot freed after its call-back; only the low 8 bits are kept, and any
- * value with bit 1 or bit 2 set is one-shot).  line and name are the creator's source
+ * 1 one-shot, 2 one-shot freed after its call-back; only the low 8 bits are kept; a mode
+ * with bit value 1 or 2 set, mode & 3 not 0, is one-shot, so 4 is periodic and 3 frees
+ * itself).  line and name are the creator's source
  * position (name must outlive the timer); they are printed in the long-call-back warning.
  * Starts the engine first if it does not run.  Returns the handle, or NULL when the
  * engine cannot start or is stopping, when 2000 relative timers or ulMaxReltmNum exist,
@@ -123,14 +134,16 @@ void *ZEPO_CreateRelTimerM(ZEPO_TIMEOUT_FUNC pfnTimeout, int32_t mode, uint32_t 
 /*
  * Queues a (re)start of the timer: interval intervalMs milliseconds from the moment the
  * driver carries the request out, call-back argument arg (replacing the earlier one).
- * A running timer restarts with the new interval.  Returns 0, 22 (bad handle, engine
- * stopping) or 12 (errno ENOMEM).
+ * A running timer restarts with the new interval.  The rounding intervalMs + 5 is taken
+ * in 32 bits, so 4294967291 ms and more wrap to the next tick.  Returns 0, 22 (bad
+ * handle, engine stopping) or 12 (errno ENOMEM).
  */
 uint32_t ZEPO_StartRelTimer(void *handle, uint32_t intervalMs, void *arg);
 
 /*
  * Queues a stop: the timer leaves the wheel on the driver thread, which then calls
- * pfnDone(doneArg) when pfnDone is not NULL (under the request queue lock: see above).
+ * pfnDone(doneArg) when pfnDone is not NULL (under the request queue lock: see above for
+ * what it must not call).
  * The timer stays created and can be started again.  Returns 0, 22 or 12.
  */
 uint32_t ZEPO_StopRelTimer_Safe(void *handle, ZEPO_TIMER_DONE_FUNC pfnDone, void *doneArg);
@@ -166,9 +179,11 @@ uint32_t ZEPO_FreeRelTimerArg_safe(void *block);
  * from now; no handle is given out.  Starts the engine first if it does not run (its
  * result is returned when not 0).  Not counted against the limits or in g_reltmNum, yet
  * its automatic free decrements g_reltmNum, which can therefore drop below 0 (kept so).
- * Returns 0, 12 (no timer could be created: errno EINVAL for a NULL pfnTimeout, ENOMEM
- * for no memory, unchanged for a full table), or the start's 22/12 - in that case the
- * created timer is left in the table until the engine stops.
+ * Returns 0; ZEPO_StartTimerTask's failure as an unsigned number (4294967295 while the
+ * engine stops, 22 for a limit of 0, ...); 12 when no timer could be created (errno
+ * EINVAL for a NULL pfnTimeout, ENOMEM for no memory, unchanged for a full table); or the
+ * start's 22/12 - in that case the created timer is left in the table until the engine
+ * stops.
  */
 uint32_t ZEPO_StartRelTimer_Simple(uint32_t intervalMs, ZEPO_TIMEOUT_FUNC pfnTimeout,
                                    void *arg);
@@ -177,8 +192,12 @@ uint32_t ZEPO_StartRelTimer_Simple(uint32_t intervalMs, ZEPO_TIMEOUT_FUNC pfnTim
 
 /*
  * Creates a calendar timer (not started) with call-back pfnTimeout and mode: 0 fires at
- * every matching second while started, 1 fires once and is then stopped (still created),
- * 2 fires and is then freed (mode is kept whole; bit value 2 wins over bit value 1).
+ * every matching second while started, 1 fires and is then stopped (still created), 2
+ * fires and is then freed (mode is kept whole; bit value 2 wins over bit value 1).  When
+ * a check makes up several seconds at once, modes 1 and 2 fire at each matching second
+ * of that check, mode 3 at the first only.  A mode-2 timer's handle becomes invalid when
+ * it fires, on the driver thread: other threads must not use it around that time, and its
+ * own call-back, if it frees its timer, must free no other absolute timer.
  * Starts the engine first if it does not run.  Returns the handle, or NULL when the
  * engine cannot start or is stopping, when 2000 absolute timers or ulMaxAbstmNum exist,
  * when the handle table is full (errno unchanged), for a NULL pfnTimeout (errno EINVAL)
@@ -219,7 +238,8 @@ uint32_t ZEPO_StopAbsTimer_SafeEx(void *handle, ZEPO_TIMER_DONE_FUNC pfnDone, vo
 /*
  * Frees the calendar timer: the handle's cell is released at once and the driver frees
  * the timer at its next check (g_abstmNum drops then, not now).  Returns 0, 22 (null
- * handle or cell, engine stopping) or 12 (errno ENOMEM: nothing changed).
+ * handle or cell, engine stopping, or a mode-2 timer that released itself by firing
+ * meanwhile) or 12 (errno ENOMEM: nothing changed).
  */
 uint32_t ZEPO_FreeAbsTimer(void *handle);
 
@@ -278,7 +298,12 @@ void ZEPO_SysCtrlRegTaskTid(uint64_t first, uint64_t second);
 /*
  * A group of periodic relative timers that share one call-back and are addressed by
  * their index.  Both records are allocated by ZEPO_InitReltimerGrp; read, do not write.
- * Calls on one group from several threads at once are not guarded.
+ * Calls on one group from several threads at once are not guarded.  A member's call-back
+ * may still run (or be due in the current tick) on the driver thread right after
+ * ZEPO_StopRelTimerofGrp returned; a restart of that member rewrites the fields it reads.
+ * Free every group before ZEPO_StopTimerTask: afterwards the members' handles are
+ * dangling, and ZEPO_StopRelTimerofGrp / ZEPO_FreeRelTimerGrp refuse them (0x20160043,
+ * 0x20160048), leaving the group allocated.
  */
 typedef struct ZEPO_RELTIMER_GRP_MEMBER {
     uint32_t arg;                           /* passed to the call-back */

@@ -25,9 +25,12 @@
  * index lock (reltmr_idxLock) before the absolute index lock (abstmr_indexLock), both
  * only in petimer_setQuitingFlag(1, 1); an index lock before its module's tasklet queue
  * lock.  The driver holds a queue's lock while that queue's tasklets run, so a stop
- * completion function runs under it.  All are recursive ZEPO_MUTEX records: a tasklet
- * that queues onto its own queue does not deadlock, its entry runs at the next
- * tsklet_invokeall.
+ * completion function runs under it.  All are ZEPO_MUTEX records, recursive once set up:
+ * a tasklet that queues onto its own queue does not deadlock, its entry runs at the next
+ * tsklet_invokeall.  (The absolute index lock is a plain mutex until the first start sets
+ * it up, and is left destroyed by a stop; the relative index lock goes back to its static
+ * state at a stop and sets itself up again, unguarded, at its next lock - so requests on
+ * a stopped engine should not come from several threads at once.)
  *
  * Stopping.  petimer_setQuitingFlag(1, 1), petimer_stop(thread id),
  * petimer_setQuitingFlag(0, 0) - which is ZEPO_StopTimerTask.  The raised flag refuses
@@ -193,9 +196,11 @@ uint32_t petimer_deregister_tickhook(PETIMER_TICKHOOK_FUNC hook);
  * The handle table: ulMaxReltmNum cells from the engine's start.  A cell holds its
  * timer, or - while free - the address of the next free cell (NULL for the last).
  * g_pRelHead and g_pRelTail are the first and last free cells (NULL when none is free);
- * freed cells are appended at the tail.  All three are NULL while the engine is stopped.
- * g_reltmNum counts live relative timers (see ZEPO_StartRelTimer_Simple for why it can
- * be negative).  The index lock guards the four.
+ * freed cells are appended at the tail.  All three are NULL after a stop (a failed start
+ * may leave a table).  g_reltmNum counts live relative timers (see
+ * ZEPO_StartRelTimer_Simple for why it can be negative).  The index lock guards the table
+ * and its free list; g_reltmNum is changed atomically, under the lock by the engine and
+ * without it by ZEPO_CreateRelTimerM.
  */
 extern void **g_szRelTimer;
 extern void **g_pRelHead;
@@ -239,8 +244,9 @@ uint32_t petimer_stop_reltimer_safeEx(void *handle, ZEPO_TIMER_DONE_FUNC pfnDone
                                       void *doneArg, void **argOut);
 uint32_t petimer_free_reltimer(void *handle);
 uint32_t petimer_free_reltimerarg_safe(void *block);
-/* Creates a timer of mode 2 named "petimer_start_reltimer_simple" (12 when that fails)
- * and starts it; the engine must run. */
+/* Creates a timer of mode 2 with petimer_create_reltimer (12 when that gives NULL) and
+ * starts it; the engine must run.  The line and name it passes are ignored by the create,
+ * so a long call-back of such a timer is reported as timer[(null):-559030611]. */
 uint32_t petimer_start_reltimer_simple(uint32_t intervalMs, ZEPO_TIMEOUT_FUNC pfnTimeout,
                                        void *arg);
 
@@ -290,7 +296,7 @@ uint32_t petimer_relAbsIndex(void *cell);
 
 /*
  * Creates a calendar timer (not started): NULL with errno unchanged when no cell is
- * free, NULL with errno EINVAL for a NULL pfnTimeout, NULL with errno ENOMEM without
+ * free (also when the table is gone: after a stop g_pAbsHead is stale, which is tested), NULL with errno EINVAL for a NULL pfnTimeout, NULL with errno ENOMEM without
  * memory, NULL while the engine stops.  Not counted in g_abstmNum.
  */
 void *petimer_create_abstimer(ZEPO_TIMEOUT_FUNC pfnTimeout, uint32_t mode);
@@ -304,8 +310,9 @@ void *petimer_create_abstimer(ZEPO_TIMEOUT_FUNC pfnTimeout, uint32_t mode);
 uint32_t petimer_start_abstimer(void *handle, const struct tm *pattern, void *arg);
 
 /* Behind ZEPO_StopAbsTimer_Safe, ZEPO_StopAbsTimer_SafeEx and ZEPO_FreeAbsTimer: 22 for a
- * NULL handle, a cell that holds nothing, the quitting flag (and a NULL argOut); else 0
- * or 12. */
+ * NULL handle, a cell that holds nothing, the quitting flag (and a NULL argOut; for the
+ * free also when, under the index lock, the cell no longer holds the timer); else 0 or
+ * 12. */
 uint32_t petimer_stop_abstimer_safe(void *handle, ZEPO_TIMER_DONE_FUNC pfnDone, void *doneArg);
 uint32_t petimer_stop_abstimer_safeEx(void *handle, ZEPO_TIMER_DONE_FUNC pfnDone,
                                       void *doneArg, void **argOut);

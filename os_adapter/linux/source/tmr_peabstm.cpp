@@ -156,17 +156,20 @@ bool matches(const struct tm &pattern, const struct tm &local) {
            field_matches(pattern.tm_year, local.tm_year);
 }
 
+// True while the record's cell still holds it: not after the record's release, whether
+// the cell now holds nothing or, once another cell was released after it, a free-list link.
+bool holds(const AbsTimerRecord *record) { return load(*cell_of(record)) == record; }
+
 // After a mode-2 timer fired: its cell is released and its record's release queued, unless
-// the cell already holds nothing (the call-back freed the timer itself).  Only null is
-// tested: a cell that became a free-list link is not recognised (see the header).
-// Without memory for the tasklet the timer is taken out of the list instead, and stays
-// created until the engine stops.
+// the cell no longer holds it (the call-back freed the timer itself, or an earlier second
+// of this hook call released it already).  Without memory for the tasklet the timer is
+// taken out of the list instead, and stays created until the engine stops.
 void release_fired(AbsTimerRecord *record) {
     TaskletEntry *entry = nullptr;
     {
         IndexLock locked;
         void **cell = cell_of(record);
-        if (load(*cell) == nullptr) return;
+        if (!holds(record)) return;
         entry = new_tasklet(free_tasklet, record);
         if (entry != nullptr) append_free_cell(cell, g_pAbsHead, g_pAbsTail);
     }
@@ -185,7 +188,9 @@ void examine(AbsTimerRecord *record, uint64_t last, uint64_t now) {
         if (ZEPO_LocalTime_S(&local, &at) != 0) continue;
         if (!matches(record->stTime, local)) continue;
         record->pfnTimeout(load(record->arg));
-        if ((record->mode & kFreeAfterFiring) != 0 && load(*cell_of(record)) != nullptr)
+        // A cell that holds nothing means the timer was released; a free-list link would
+        // mean the same, and releasing it again would tie the free list into a loop.
+        if ((record->mode & kFreeAfterFiring) != 0 && holds(record))
             release_fired(record);
         else if ((record->mode & kOneShot) != 0 && in_list(link_of(record)))
             unlink(link_of(record));
@@ -270,7 +275,7 @@ uint32_t delinit_abstm(void) {
     while (entry != &s_list) {
         Link *const successor = entry->next;
         AbsTimerRecord *record = record_at(entry);
-        if (load(*cell_of(record)) == record) petimer_relAbsIndex(cell_of(record));
+        if (holds(record)) petimer_relAbsIndex(cell_of(record));
         qel::heap_free(record);
         count_down(g_abstmNum);
         entry = successor;
@@ -314,9 +319,10 @@ void *petimer_create_abstimer(ZEPO_TIMEOUT_FUNC pfnTimeout, uint32_t mode) {
     make_empty(link_of(timer));
     IndexLock locked;
     if (quitting()) return nullptr;
-    // Tested again under the lock: another creator may have taken the last cell.
+    // Tested again under the lock: another creator may have taken the last cell, or the
+    // engine may have stopped, leaving g_pAbsHead pointing into the released table.
     void **cell = load(g_pAbsHead);
-    if (cell == nullptr) return nullptr;
+    if (cell == nullptr || !in_table(cell)) return nullptr;
     store(g_pAbsHead, static_cast<void **>(*cell));
     if (load(g_pAbsHead) == nullptr) store(g_pAbsTail, static_cast<void **>(nullptr));
     timer->index = static_cast<int32_t>(cell - g_szAbsTimer);
@@ -366,7 +372,16 @@ uint32_t petimer_free_abstimer(void *handle) {
     // The tasklet first: without memory nothing changes.
     TaskletEntry *entry = new_tasklet(free_tasklet, record);
     if (entry == nullptr) return no_memory();
-    petimer_relAbsIndex(handle);
+    {
+        // The driver may have released the cell of a mode-2 timer that fired meanwhile:
+        // a second release would free the record twice.
+        IndexLock locked;
+        if (!holds(record)) {
+            qel::heap_free(entry);
+            return EINVAL;
+        }
+        petimer_relAbsIndex(handle);
+    }
     queue_last(&s_queue, entry);
     return 0;
 }

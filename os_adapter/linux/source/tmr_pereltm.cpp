@@ -535,14 +535,15 @@ uint32_t petimer_free_reltimer(void *handle) {
 }
 
 uint32_t petimer_free_reltimerarg_safe(void *block) {
-    IndexLock locked;
-    if (petimer_isQuiting() != 0) return EINVAL;
     // Without a driver no call-back can still be using the block, and nobody would run
-    // the tasklet: release it now.
-    if (!engine_started()) {
+    // the tasklet: release it now (and without the index lock, which is in its static
+    // state while no engine runs).
+    if (!engine_started() && petimer_isQuiting() == 0) {
         qel::heap_free(block);
         return 0;
     }
+    IndexLock locked;
+    if (petimer_isQuiting() != 0) return EINVAL;
     return static_cast<uint32_t>(tsklet_invokelater(&s_queue, free_arg_tasklet, block));
 }
 
