@@ -194,8 +194,8 @@ uint32_t ZEPO_StartRelTimer_Simple(uint32_t intervalMs, ZEPO_TIMEOUT_FUNC pfnTim
  * Creates a calendar timer (not started) with call-back pfnTimeout and mode: 0 fires at
  * every matching second while started, 1 fires and is then stopped (still created), 2
  * fires and is then freed (mode is kept whole; bit value 2 wins over bit value 1).  When
- * a check makes up several seconds at once, modes 1 and 2 fire at each matching second
- * of that check, mode 3 at the first only.  A mode-2 timer's handle becomes invalid when
+ * a check makes up several seconds at once, modes 1, 2 and 3 fire at each matching
+ * second of that check, and only then take effect.  A mode-2 timer's handle becomes invalid when
  * it fires, on the driver thread: other threads must not use it around that time, and its
  * own call-back, if it frees its timer, must free no other absolute timer.
  * Starts the engine first if it does not run.  Returns the handle, or NULL when the
