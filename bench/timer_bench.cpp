@@ -50,8 +50,8 @@ namespace {
 
 constexpr int kTimers = 2000;
 constexpr uint32_t kIntervalMs = 100;
-constexpr int kPhases = 10;                   // spread arming: 10 phases of one tick
-constexpr double kWarmUpS = 0.3;              // after arming, before the window opens
+constexpr int kPhases = 10;       // spread arming: 10 phases of one tick
+constexpr double kWarmUpS = 0.3;  // after arming, before the window opens
 constexpr double kFiringWindowS = 3.0;
 constexpr double kIdleWindowS = 2.0;
 constexpr int kLatenessIntervals = 100;
@@ -131,7 +131,8 @@ void BM_EngineFirings(benchmark::State &state, bool spread) {
         std::vector<void *> timers;
         timers.reserve(kTimers);
         for (int i = 0; i < kTimers; ++i) {
-            void *timer = ZEPO_CreateRelTimerM(count_firing, ZEPO_TIMER_PERIODIC, __LINE__, __FILE__);
+            void *timer =
+                ZEPO_CreateRelTimerM(count_firing, ZEPO_TIMER_PERIODIC, __LINE__, __FILE__);
             if (timer == nullptr) break;
             timers.push_back(timer);
         }
@@ -195,13 +196,15 @@ void BM_TimerfdFirings(benchmark::State &state, bool spread) {
             epoll_event event{};
             event.events = EPOLLIN;
             event.data.ptr = &entries[i];
-            ready = entries[i].fd >= 0 && epoll_ctl(epoll_fd, EPOLL_CTL_ADD, entries[i].fd, &event) == 0;
+            ready = entries[i].fd >= 0 &&
+                    epoll_ctl(epoll_fd, EPOLL_CTL_ADD, entries[i].fd, &event) == 0;
         }
         std::thread server;
         if (ready) server = std::thread(serve_timerfds, epoll_fd, stop_fd);
         for (int i = 0; ready && i < kTimers; ++i) {
             itimerspec period{};
-            const long phase_ms = spread ? (i / (kTimers / kPhases)) * static_cast<long>(kTickMs) : 0;
+            const long phase_ms =
+                spread ? (i / (kTimers / kPhases)) * static_cast<long>(kTickMs) : 0;
             period.it_interval.tv_nsec = kIntervalMs * 1000000L;
             period.it_value.tv_nsec = (kIntervalMs + phase_ms) * 1000000L;
             ready = timerfd_settime(entries[i].fd, 0, &period, nullptr) == 0;
@@ -330,11 +333,13 @@ void BM_EngineLateness(benchmark::State &state) {
         for (int i = 1; i < got; ++i) {
             late_ms.push_back((log.at_s[i] - log.at_s[i - 1]) * 1000.0 - kRequiredPeriodMs);
         }
-        const double mean_ms = ((log.at_s[got - 1] - log.at_s[0]) * 1000.0) / (got - 1) - kRequiredPeriodMs;
+        const double mean_ms =
+            ((log.at_s[got - 1] - log.at_s[0]) * 1000.0) / (got - 1) - kRequiredPeriodMs;
         std::sort(late_ms.begin(), late_ms.end());
-        const double median_ms = late_ms.size() % 2 == 1
-                                     ? late_ms[late_ms.size() / 2]
-                                     : (late_ms[late_ms.size() / 2 - 1] + late_ms[late_ms.size() / 2]) / 2;
+        const double median_ms =
+            late_ms.size() % 2 == 1
+                ? late_ms[late_ms.size() / 2]
+                : (late_ms[late_ms.size() / 2 - 1] + late_ms[late_ms.size() / 2]) / 2;
         state.counters["intervals"] = static_cast<double>(late_ms.size());
         state.counters["late_median_ms"] = median_ms;
         state.counters["late_p99_ms"] = nearest_rank(late_ms, 0.99);
@@ -365,14 +370,20 @@ void print_ratio(const char *label, const std::string &numerator, const std::str
 
 void print_figures() {
     std::printf("\nfigures (ratios measured in this run)\n");
-    print_ratio("engine CPU per firing / timerfd+epoll CPU per firing (armed together, serving thread)",
-                "engine/together/thread", "timerfd/together/thread");
-    print_ratio("engine CPU per firing / timerfd+epoll CPU per firing (armed together, whole process)",
-                "engine/together/process", "timerfd/together/process");
-    print_ratio("engine CPU per firing / timerfd+epoll CPU per firing (spread over 10 ticks, serving thread)",
-                "engine/spread/thread", "timerfd/spread/thread");
-    print_ratio("engine CPU per firing / timerfd+epoll CPU per firing (spread over 10 ticks, whole process)",
-                "engine/spread/process", "timerfd/spread/process");
+    print_ratio(
+        "engine CPU per firing / timerfd+epoll CPU per firing (armed together, serving thread)",
+        "engine/together/thread", "timerfd/together/thread");
+    print_ratio(
+        "engine CPU per firing / timerfd+epoll CPU per firing (armed together, whole process)",
+        "engine/together/process", "timerfd/together/process");
+    print_ratio(
+        "engine CPU per firing / timerfd+epoll CPU per firing (spread over 10 ticks, serving "
+        "thread)",
+        "engine/spread/thread", "timerfd/spread/thread");
+    print_ratio(
+        "engine CPU per firing / timerfd+epoll CPU per firing (spread over 10 ticks, whole "
+        "process)",
+        "engine/spread/process", "timerfd/spread/process");
     if (const auto idle = result("idle/engine")) {
         std::printf("engine idle CPU / one core (driver thread, no timer): %.5f\n", *idle);
     }
@@ -382,12 +393,18 @@ void print_figures() {
     const auto mean = result("late/mean");
     const auto intervals = result("late/intervals");
     if (median && p99 && mean && intervals) {
-        std::printf("lateness beyond 110 ms of a periodic 100 ms timer, median of %.0f intervals: "
-                    "%.2f ms = %.3f tick\n", *intervals, *median, *median / kTickMs);
-        std::printf("lateness beyond 110 ms of a periodic 100 ms timer, p99 of %.0f intervals: "
-                    "%.2f ms = %.3f tick\n", *intervals, *p99, *p99 / kTickMs);
-        std::printf("lateness beyond 110 ms of a periodic 100 ms timer, mean over %.0f intervals: "
-                    "%.3f ms = %.4f tick\n", *intervals, *mean, *mean / kTickMs);
+        std::printf(
+            "lateness beyond 110 ms of a periodic 100 ms timer, median of %.0f intervals: "
+            "%.2f ms = %.3f tick\n",
+            *intervals, *median, *median / kTickMs);
+        std::printf(
+            "lateness beyond 110 ms of a periodic 100 ms timer, p99 of %.0f intervals: "
+            "%.2f ms = %.3f tick\n",
+            *intervals, *p99, *p99 / kTickMs);
+        std::printf(
+            "lateness beyond 110 ms of a periodic 100 ms timer, mean over %.0f intervals: "
+            "%.3f ms = %.4f tick\n",
+            *intervals, *mean, *mean / kTickMs);
     }
 }
 
@@ -409,14 +426,18 @@ void configure(benchmark::internal::Benchmark *b) {
 int main(int argc, char **argv) {
     raise_descriptor_limit();
     // Peers run back to back, so that they see the same machine.
-    configure(benchmark::RegisterBenchmark("engine_2000_timers/armed_together",
-                                           [](benchmark::State &state) { BM_EngineFirings(state, false); }));
-    configure(benchmark::RegisterBenchmark("timerfd_epoll_2000_timers/armed_together",
-                                           [](benchmark::State &state) { BM_TimerfdFirings(state, false); }));
-    configure(benchmark::RegisterBenchmark("engine_2000_timers/spread",
-                                           [](benchmark::State &state) { BM_EngineFirings(state, true); }));
-    configure(benchmark::RegisterBenchmark("timerfd_epoll_2000_timers/spread",
-                                           [](benchmark::State &state) { BM_TimerfdFirings(state, true); }));
+    configure(benchmark::RegisterBenchmark(
+        "engine_2000_timers/armed_together",
+        [](benchmark::State &state) { BM_EngineFirings(state, false); }));
+    configure(benchmark::RegisterBenchmark(
+        "timerfd_epoll_2000_timers/armed_together",
+        [](benchmark::State &state) { BM_TimerfdFirings(state, false); }));
+    configure(benchmark::RegisterBenchmark(
+        "engine_2000_timers/spread",
+        [](benchmark::State &state) { BM_EngineFirings(state, true); }));
+    configure(benchmark::RegisterBenchmark(
+        "timerfd_epoll_2000_timers/spread",
+        [](benchmark::State &state) { BM_TimerfdFirings(state, true); }));
     configure(benchmark::RegisterBenchmark("engine_idle", BM_EngineIdle));
     configure(benchmark::RegisterBenchmark("select_10ms_loop_idle", BM_SelectLoopIdle));
     configure(benchmark::RegisterBenchmark("engine_lateness_100ms_periodic", BM_EngineLateness));

@@ -131,7 +131,8 @@ int main(void) {
         ZEPO_StopTimerTask();
         return 1;
     }
-    failures += check(ZEPO_StartRelTimer(periodic, 100, &periodic_fired) == 0, "start the periodic timer");
+    failures +=
+        check(ZEPO_StartRelTimer(periodic, 100, &periodic_fired) == 0, "start the periodic timer");
     failures += check(ZEPO_StartRelTimer(oneshot, 250, NULL) == 0, "start the one-shot timer");
     failures += check(ZEPO_StartRelTimer(slow, 400, NULL) == 0, "start the slow timer");
 
@@ -181,7 +182,8 @@ int main(void) {
         failures += check(ZEPO_StopRelTimerofGrp(group, 1) == 0, "stop member 1");
         ZEPO_SleepMs(50);
         member1_at_stop = atomic_load(&member_fired[1]);
-        ZEPO_Printf("  member 1 stopped at +%u ms after %u firings\n", ms_since_start(), member1_at_stop);
+        ZEPO_Printf("  member 1 stopped at +%u ms after %u firings\n", ms_since_start(),
+                    member1_at_stop);
     }
 
     ZEPO_SleepMs(1250);
@@ -194,8 +196,10 @@ int main(void) {
     uint32_t elapsed = ms_since_start();
     failures += check(ZEPO_FreeRelTimer(periodic) == 0, "free the periodic timer");
     failures += check(ZEPO_FreeRelTimer(oneshot) == 0, "free the one-shot timer");
-    failures += check(ZEPO_FreeRelTimer(periodic) == 22, "a second free of the same handle is refused");
-    if (calendar != NULL) failures += check(ZEPO_FreeAbsTimer(calendar) == 0, "free the calendar timer");
+    failures +=
+        check(ZEPO_FreeRelTimer(periodic) == 22, "a second free of the same handle is refused");
+    if (calendar != NULL)
+        failures += check(ZEPO_FreeAbsTimer(calendar) == 0, "free the calendar timer");
     if (group != NULL) failures += check(ZEPO_FreeRelTimerGrp(group) == 0, "free the group");
 
     /* Stopping the engine carries out the requests still queued, frees every timer that
@@ -212,7 +216,8 @@ int main(void) {
     ZEPO_Printf("  one-shot 250 ms timer: %u firing\n", atomic_load(&oneshot_fired));
     ZEPO_Printf("  slow one-shot timer:   %u firing, %u long call-back warning\n",
                 atomic_load(&slow_fired), atomic_load(&long_callback_warnings));
-    ZEPO_Printf("  calendar timer:        %u firings (one per second)\n", atomic_load(&calendar_fired));
+    ZEPO_Printf("  calendar timer:        %u firings (one per second)\n",
+                atomic_load(&calendar_fired));
     ZEPO_Printf("  group member 0:        %u firings (about one per 210 ms)\n", member0);
     ZEPO_Printf("  group member 1:        %u firings before its stop, %u after\n", member1_at_stop,
                 member1 - member1_at_stop);
@@ -231,6 +236,7 @@ int main(void) {
     failures += check(member1 == member1_at_stop, "group member 1 did not fire after its stop");
     failures += check(g_reltmNum == 0 && g_abstmNum == 0, "the stop freed every timer");
 
-    ZEPO_Printf("%s\n", failures == 0 ? "all timers behaved as expected" : "some timers misbehaved");
+    ZEPO_Printf("%s\n",
+                failures == 0 ? "all timers behaved as expected" : "some timers misbehaved");
     return failures == 0 ? 0 : 1;
 }

@@ -63,13 +63,13 @@ struct ClockState {
     std::mutex lock;
     std::condition_variable changed;
     bool scripted = false;
-    uint32_t now = 0;             // the fake run-time clock, ms
-    bool parked = false;          // the driver sleeps in ZEPO_Select
-    uint64_t parks = 0;           // sleeps begun so far
-    uint32_t requestedUs = 0;     // the sleep the driver asked for last
-    bool granted = false;         // the test let the parked driver go
-    uint32_t grantMs = 0;         // fake time the sleep lasts
-    std::vector<uint32_t> sleeps; // every requested sleep, in us
+    uint32_t now = 0;              // the fake run-time clock, ms
+    bool parked = false;           // the driver sleeps in ZEPO_Select
+    uint64_t parks = 0;            // sleeps begun so far
+    uint32_t requestedUs = 0;      // the sleep the driver asked for last
+    bool granted = false;          // the test let the parked driver go
+    uint32_t grantMs = 0;          // fake time the sleep lasts
+    std::vector<uint32_t> sleeps;  // every requested sleep, in us
 };
 
 inline ClockState &clock_state() {
@@ -92,8 +92,8 @@ struct MemoryState {
     std::unordered_set<void *> live;  // blocks handed out and not yet released
     std::atomic<int> failAt{0};       // n > 0: the n-th allocation from now fails
     std::atomic<bool> failAll{false};
-    std::string failFile;             // when not empty, only allocations from a source
-                                      // path ending so count and fail
+    std::string failFile;  // when not empty, only allocations from a source
+                           // path ending so count and fail
     std::atomic<uint64_t> allocations{0};
     std::atomic<uint64_t> releases{0};
 };
@@ -125,7 +125,8 @@ inline bool countdown_hits(std::atomic<int> &counter) {
 inline bool ends_with(const char *text, const std::string &suffix) {
     if (text == nullptr) return false;
     const size_t length = std::strlen(text);
-    return length >= suffix.size() && std::strcmp(text + length - suffix.size(), suffix.c_str()) == 0;
+    return length >= suffix.size() &&
+           std::strcmp(text + length - suffix.size(), suffix.c_str()) == 0;
 }
 
 // ---- Scripted run-time clock and sleep ----------------------------------------------------
@@ -301,7 +302,8 @@ inline void stop_engine() {
 
 }  // namespace timer_harness
 
-// ---- The seams -------------------------------------------------------------------------------------
+// ---- The seams
+// -------------------------------------------------------------------------------------
 
 extern "C" uint32_t ZEPO_GetSysRunTime(void) {
     using Fn = uint32_t (*)(void);
@@ -353,7 +355,8 @@ extern "C" uint32_t ZEPO_GetSysTimeSec(void) {
     return next();
 }
 
-extern "C" void *ZEPO_MemTypeMallocD(uint32_t size, uint32_t type, uint32_t line, const char *file) {
+extern "C" void *ZEPO_MemTypeMallocD(uint32_t size, uint32_t type, uint32_t line,
+                                     const char *file) {
     using Fn = void *(*)(uint32_t, uint32_t, uint32_t, const char *);
     static const auto next = qel_test::next_definition<Fn>("ZEPO_MemTypeMallocD");
     timer_harness::MemoryState &m = timer_harness::memory_state();

@@ -461,7 +461,8 @@ TEST_F(AbsTimers, YearOrMonthMismatchNeverFires) {
     EXPECT_EQ(fires(), 301u);
 }
 
-// ---- Modes ---------------------------------------------------------------------------------------
+// ---- Modes
+// ---------------------------------------------------------------------------------------
 
 TEST_F(AbsTimers, ModeZeroFiresAtEveryMatchingSecondWhileStarted) {
     ASSERT_NO_FATAL_FAILURE(start_engine());
@@ -769,8 +770,8 @@ TEST_F(AbsTimers, FreedCellsAreReusedLast) {
 
     ASSERT_EQ(ZEPO_FreeAbsTimer(b), 0u);
     ASSERT_EQ(ZEPO_FreeAbsTimer(a), 0u);
-    EXPECT_EQ(free_cells(4), (std::vector<void **>{&g_szAbsTimer[3], &g_szAbsTimer[1],
-                                                    &g_szAbsTimer[0]}));
+    EXPECT_EQ(free_cells(4),
+              (std::vector<void **>{&g_szAbsTimer[3], &g_szAbsTimer[1], &g_szAbsTimer[0]}));
     check_at(kBase);
     ASSERT_EQ(g_abstmNum, 1);
 
@@ -808,7 +809,7 @@ TEST_F(AbsTimers, ModeTwoCallBackFreeingItsOwnTimerReleasesItOnce) {
     EXPECT_EQ(*static_cast<void **>(s_handle), nullptr);
     EXPECT_EQ(g_pAbsTail, s_handle);
     EXPECT_EQ(free_cells(4), (std::vector<void **>{&g_szAbsTimer[1], &g_szAbsTimer[2],
-                                                    &g_szAbsTimer[3], &g_szAbsTimer[0]}));
+                                                   &g_szAbsTimer[3], &g_szAbsTimer[0]}));
     EXPECT_EQ(g_abstmNum, 1);
 
     check_at(kBase + 1);

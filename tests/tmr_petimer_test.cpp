@@ -453,9 +453,7 @@ TEST(TickHooks, RegisteringWithoutMemoryGives12AndLeavesTheListAsItWas) {
     stop_engine();
 }
 
-TEST(TickHooks, RemovingANullHookGives22) {
-    EXPECT_EQ(petimer_deregister_tickhook(nullptr), 22u);
-}
+TEST(TickHooks, RemovingANullHookGives22) { EXPECT_EQ(petimer_deregister_tickhook(nullptr), 22u); }
 
 TEST(TickHooks, RemovingFromAnEmptyListGivesZero) {
     const size_t before = live_blocks();
@@ -799,7 +797,8 @@ TEST(QuittingFlag, RaisingItTakesTheRelativeLockBeforeTheAbsoluteOne) {
     ASSERT_TRUE(wait_until([&] { return !locks_asked_by(other.native_handle()).empty(); }));
     std::this_thread::sleep_for(150ms);
     EXPECT_FALSE(raiser.done.load());
-    EXPECT_FALSE(gotRelative.load()) << "the relative lock was free while the absolute one was awaited";
+    EXPECT_FALSE(gotRelative.load())
+        << "the relative lock was free while the absolute one was awaited";
     EXPECT_EQ(petimer_isQuiting(), 0u);
     holder.release();
     other.join();
@@ -1004,7 +1003,8 @@ void note_exit(const char *kind) {
     seen_at_exit.order.emplace_back(kind);
     seen_at_exit.onDriver = seen_at_exit.onDriver && pthread_equal(pthread_self(), driver_id);
     seen_at_exit.quitting = seen_at_exit.quitting && petimer_isQuiting() == 1;
-    seen_at_exit.tablesThere = seen_at_exit.tablesThere && g_szRelTimer != nullptr && g_szAbsTimer != nullptr;
+    seen_at_exit.tablesThere =
+        seen_at_exit.tablesThere && g_szRelTimer != nullptr && g_szAbsTimer != nullptr;
 }
 void relative_done(void *) { note_exit("relative"); }
 void absolute_done(void *) { note_exit("absolute"); }
@@ -1077,8 +1077,8 @@ TEST(RealClock, PeriodOneHookCountsAHundredTicksASecond) {
     const int64_t ticks = real_ticks[last].total - real_ticks.front().total;
     const auto lower = std::chrono::duration_cast<std::chrono::milliseconds>(
         real_ticks[last - 1].at - real_ticks.front().at);
-    const auto upper = std::chrono::duration_cast<std::chrono::milliseconds>(
-        real_ticks[last].at - real_ticks.front().at);
+    const auto upper = std::chrono::duration_cast<std::chrono::milliseconds>(real_ticks[last].at -
+                                                                             real_ticks.front().at);
     EXPECT_GE(ticks, 95);
     EXPECT_GE(ticks, lower.count() / 10 - 2) << "over " << lower.count() << " ms";
     EXPECT_LE(ticks, upper.count() / 10 + 50) << "over " << upper.count() << " ms";

@@ -340,13 +340,9 @@ TEST_F(Tasklets, RunHoldsTheLockAndEntriesQueuedMeanwhileWaitForTheNextRun) {
 
 // ---- Limits ----------------------------------------------------------------------------
 
-uint32_t relative_cells() {
-    return static_cast<uint32_t>(g_pRelTail - g_szRelTimer) + 1;
-}
+uint32_t relative_cells() { return static_cast<uint32_t>(g_pRelTail - g_szRelTimer) + 1; }
 
-uint32_t absolute_cells() {
-    return static_cast<uint32_t>(g_pAbsTail - g_szAbsTimer) + 1;
-}
+uint32_t absolute_cells() { return static_cast<uint32_t>(g_pAbsTail - g_szAbsTimer) + 1; }
 
 void never_called(void *) { ADD_FAILURE() << "a timer fired"; }
 

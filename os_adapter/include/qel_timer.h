@@ -81,9 +81,9 @@ typedef void (*ZEPO_SYSCTRL_TID_FUNC)(uint64_t first, uint64_t second);
 typedef void (*ZEPO_GRP_TIMEOUT_FUNC)(uint32_t index, uint32_t arg);
 
 /* Relative timer modes (only the low 8 bits count). */
-#define ZEPO_TIMER_PERIODIC 0u  /* fires every period until stopped */
-#define ZEPO_TIMER_ONESHOT 1u   /* fires once, then stays created and can be started again */
-#define ZEPO_TIMER_AUTOFREE 2u  /* fires once, then is freed (its handle becomes invalid) */
+#define ZEPO_TIMER_PERIODIC 0u /* fires every period until stopped */
+#define ZEPO_TIMER_ONESHOT 1u  /* fires once, then stays created and can be started again */
+#define ZEPO_TIMER_AUTOFREE 2u /* fires once, then is freed (its handle becomes invalid) */
 
 /* ---- Engine control ---------------------------------------------------------------- */
 
@@ -185,8 +185,7 @@ uint32_t ZEPO_FreeRelTimerArg_safe(void *block);
  * start's 22/12 - in that case the created timer is left in the table until the engine
  * stops.
  */
-uint32_t ZEPO_StartRelTimer_Simple(uint32_t intervalMs, ZEPO_TIMEOUT_FUNC pfnTimeout,
-                                   void *arg);
+uint32_t ZEPO_StartRelTimer_Simple(uint32_t intervalMs, ZEPO_TIMEOUT_FUNC pfnTimeout, void *arg);
 
 /* ---- Calendar (absolute) timers ---------------------------------------------------- */
 
@@ -251,12 +250,12 @@ uint32_t ZEPO_FreeAbsTimer(void *handle);
  * layout is fixed; read, do not write.
  */
 typedef struct ZEPO_PERIODIC_TIMER {
-    uint32_t tickCount;            /* periods waited so far */
-    uint32_t period;               /* milliseconds */
-    pthread_condattr_t condAttr;   /* used only while creating */
-    pthread_cond_t cond;           /* on CLOCK_MONOTONIC, never signalled */
-    pthread_mutex_t mutex;         /* default attributes */
-    int64_t startSec;              /* CLOCK_MONOTONIC time of the first wait, 0 until then */
+    uint32_t tickCount;          /* periods waited so far */
+    uint32_t period;             /* milliseconds */
+    pthread_condattr_t condAttr; /* used only while creating */
+    pthread_cond_t cond;         /* on CLOCK_MONOTONIC, never signalled */
+    pthread_mutex_t mutex;       /* default attributes */
+    int64_t startSec;            /* CLOCK_MONOTONIC time of the first wait, 0 until then */
     int64_t startNsec;
 } ZEPO_PERIODIC_TIMER;
 
@@ -306,39 +305,39 @@ void ZEPO_SysCtrlRegTaskTid(uint64_t first, uint64_t second);
  * 0x20160048), leaving the group allocated.
  */
 typedef struct ZEPO_RELTIMER_GRP_MEMBER {
-    uint32_t arg;                           /* passed to the call-back */
-    uint32_t index;                         /* the member's own index */
-    uint32_t mode;                          /* 0 or 1, as started; not used further */
-    uint32_t interval;                      /* milliseconds, as started */
-    ZEPO_GRP_TIMEOUT_FUNC pfnGroupTimeout;  /* the group's call-back */
-    void *handle;                           /* the member's timer, or NULL */
-    uint32_t active;                        /* 1 while started */
+    uint32_t arg;                          /* passed to the call-back */
+    uint32_t index;                        /* the member's own index */
+    uint32_t mode;                         /* 0 or 1, as started; not used further */
+    uint32_t interval;                     /* milliseconds, as started */
+    ZEPO_GRP_TIMEOUT_FUNC pfnGroupTimeout; /* the group's call-back */
+    void *handle;                          /* the member's timer, or NULL */
+    uint32_t active;                       /* 1 while started */
 } ZEPO_RELTIMER_GRP_MEMBER;
 
 typedef struct ZEPO_RELTIMER_GRP {
-    uint32_t count;                         /* number of members */
-    uint32_t valid;                         /* 1 once set up */
+    uint32_t count; /* number of members */
+    uint32_t valid; /* 1 once set up */
     ZEPO_GRP_TIMEOUT_FUNC pfnGroupTimeout;
-    ZEPO_RELTIMER_GRP_MEMBER *members;      /* count members, or NULL once released */
+    ZEPO_RELTIMER_GRP_MEMBER *members; /* count members, or NULL once released */
 } ZEPO_RELTIMER_GRP;
 
 /* Result codes of the group functions (0 is success). */
-#define ZEPO_GRP_INIT_NULL_OUT 0x20160032u       /* groupOut is NULL */
-#define ZEPO_GRP_INIT_TOO_MANY 0x20160034u       /* count above ulMaxReltmNum */
-#define ZEPO_GRP_INIT_NO_MEMORY 0x20160036u      /* allocation failed, or count is 0 */
-#define ZEPO_GRP_INIT_NULL_FUNC 0x20160037u      /* pfnGroupTimeout is NULL */
-#define ZEPO_GRP_START_BAD_GROUP 0x20160039u     /* group NULL or not valid */
-#define ZEPO_GRP_START_BAD_INDEX 0x2016003Bu     /* index out of range */
-#define ZEPO_GRP_START_BAD_MODE 0x2016003Cu      /* low 8 bits of mode 2 or more */
-#define ZEPO_GRP_START_FAILED 0x2016003Du        /* the member's timer not created/started */
-#define ZEPO_GRP_STOP_NULL_GROUP 0x20160040u     /* group NULL */
-#define ZEPO_GRP_STOP_INVALID_GROUP 0x20160041u  /* group not valid */
-#define ZEPO_GRP_STOP_BAD_INDEX 0x20160042u      /* index out of range */
-#define ZEPO_GRP_STOP_FAILED 0x20160043u         /* stopping or freeing the timer failed */
-#define ZEPO_GRP_STOP_NOT_ACTIVE 0x20160044u     /* the member is not started */
-#define ZEPO_GRP_FREE_NULL_GROUP 0x20160046u     /* group NULL */
-#define ZEPO_GRP_FREE_INVALID_GROUP 0x20160047u  /* group not valid */
-#define ZEPO_GRP_FREE_FAILED 0x20160048u         /* freeing a member's timer failed */
+#define ZEPO_GRP_INIT_NULL_OUT 0x20160032u      /* groupOut is NULL */
+#define ZEPO_GRP_INIT_TOO_MANY 0x20160034u      /* count above ulMaxReltmNum */
+#define ZEPO_GRP_INIT_NO_MEMORY 0x20160036u     /* allocation failed, or count is 0 */
+#define ZEPO_GRP_INIT_NULL_FUNC 0x20160037u     /* pfnGroupTimeout is NULL */
+#define ZEPO_GRP_START_BAD_GROUP 0x20160039u    /* group NULL or not valid */
+#define ZEPO_GRP_START_BAD_INDEX 0x2016003Bu    /* index out of range */
+#define ZEPO_GRP_START_BAD_MODE 0x2016003Cu     /* low 8 bits of mode 2 or more */
+#define ZEPO_GRP_START_FAILED 0x2016003Du       /* the member's timer not created/started */
+#define ZEPO_GRP_STOP_NULL_GROUP 0x20160040u    /* group NULL */
+#define ZEPO_GRP_STOP_INVALID_GROUP 0x20160041u /* group not valid */
+#define ZEPO_GRP_STOP_BAD_INDEX 0x20160042u     /* index out of range */
+#define ZEPO_GRP_STOP_FAILED 0x20160043u        /* stopping or freeing the timer failed */
+#define ZEPO_GRP_STOP_NOT_ACTIVE 0x20160044u    /* the member is not started */
+#define ZEPO_GRP_FREE_NULL_GROUP 0x20160046u    /* group NULL */
+#define ZEPO_GRP_FREE_INVALID_GROUP 0x20160047u /* group not valid */
+#define ZEPO_GRP_FREE_FAILED 0x20160048u        /* freeing a member's timer failed */
 
 /*
  * Creates a group of count members sharing pfnGroupTimeout and stores it in *groupOut.

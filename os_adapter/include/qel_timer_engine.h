@@ -240,8 +240,8 @@ void *petimer_create_reltimer(ZEPO_TIMEOUT_FUNC pfnTimeout, int32_t mode, uint32
  * ZEPO_StartRelTimer_Simple (see qel_timer.h): 0, 22 or 12. */
 uint32_t petimer_start_reltimer(void *handle, uint32_t intervalMs, void *arg);
 uint32_t petimer_stop_reltimer_safe(void *handle, ZEPO_TIMER_DONE_FUNC pfnDone, void *doneArg);
-uint32_t petimer_stop_reltimer_safeEx(void *handle, ZEPO_TIMER_DONE_FUNC pfnDone,
-                                      void *doneArg, void **argOut);
+uint32_t petimer_stop_reltimer_safeEx(void *handle, ZEPO_TIMER_DONE_FUNC pfnDone, void *doneArg,
+                                      void **argOut);
 uint32_t petimer_free_reltimer(void *handle);
 uint32_t petimer_free_reltimerarg_safe(void *block);
 /* Creates a timer of mode 2 with petimer_create_reltimer (12 when that gives NULL) and
@@ -296,8 +296,9 @@ uint32_t petimer_relAbsIndex(void *cell);
 
 /*
  * Creates a calendar timer (not started): NULL with errno unchanged when no cell is
- * free (also when the table is gone: after a stop g_pAbsHead is stale, which is tested), NULL with errno EINVAL for a NULL pfnTimeout, NULL with errno ENOMEM without
- * memory, NULL while the engine stops.  Not counted in g_abstmNum.
+ * free (also when the table is gone: after a stop g_pAbsHead is stale, which is tested), NULL with
+ * errno EINVAL for a NULL pfnTimeout, NULL with errno ENOMEM without memory, NULL while the engine
+ * stops.  Not counted in g_abstmNum.
  */
 void *petimer_create_abstimer(ZEPO_TIMEOUT_FUNC pfnTimeout, uint32_t mode);
 
@@ -314,8 +315,8 @@ uint32_t petimer_start_abstimer(void *handle, const struct tm *pattern, void *ar
  * free also when, under the index lock, the cell no longer holds the timer); else 0 or
  * 12. */
 uint32_t petimer_stop_abstimer_safe(void *handle, ZEPO_TIMER_DONE_FUNC pfnDone, void *doneArg);
-uint32_t petimer_stop_abstimer_safeEx(void *handle, ZEPO_TIMER_DONE_FUNC pfnDone,
-                                      void *doneArg, void **argOut);
+uint32_t petimer_stop_abstimer_safeEx(void *handle, ZEPO_TIMER_DONE_FUNC pfnDone, void *doneArg,
+                                      void **argOut);
 uint32_t petimer_free_abstimer(void *handle);
 
 /* Runs the pending absolute requests (tsklet_invokeall); its result. */

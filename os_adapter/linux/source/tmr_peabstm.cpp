@@ -358,8 +358,8 @@ uint32_t petimer_stop_abstimer_safe(void *handle, ZEPO_TIMER_DONE_FUNC pfnDone, 
     return static_cast<uint32_t>(queued);
 }
 
-uint32_t petimer_stop_abstimer_safeEx(void *handle, ZEPO_TIMER_DONE_FUNC pfnDone,
-                                      void *doneArg, void **argOut) {
+uint32_t petimer_stop_abstimer_safeEx(void *handle, ZEPO_TIMER_DONE_FUNC pfnDone, void *doneArg,
+                                      void **argOut) {
     AbsTimerRecord *record = record_in(handle);
     if (record == nullptr || quitting() || argOut == nullptr) return EINVAL;
     *argOut = load(record->arg);

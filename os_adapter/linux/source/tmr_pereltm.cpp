@@ -516,8 +516,8 @@ uint32_t petimer_stop_reltimer_safe(void *handle, ZEPO_TIMER_DONE_FUNC pfnDone, 
                                     });
 }
 
-uint32_t petimer_stop_reltimer_safeEx(void *handle, ZEPO_TIMER_DONE_FUNC pfnDone,
-                                      void *doneArg, void **argOut) {
+uint32_t petimer_stop_reltimer_safeEx(void *handle, ZEPO_TIMER_DONE_FUNC pfnDone, void *doneArg,
+                                      void **argOut) {
     // argOut is not tested: the caller must give it.
     return request_for<StopRequest>(handle, stop_tasklet,
                                     [&](StopRequest &request, RelTimerRecord *record) {
@@ -549,8 +549,8 @@ uint32_t petimer_free_reltimerarg_safe(void *block) {
 
 uint32_t petimer_start_reltimer_simple(uint32_t intervalMs, ZEPO_TIMEOUT_FUNC pfnTimeout,
                                        void *arg) {
-    void *handle = petimer_create_reltimer(pfnTimeout, kAutoFreeBit, 0,
-                                           "petimer_start_reltimer_simple");
+    void *handle =
+        petimer_create_reltimer(pfnTimeout, kAutoFreeBit, 0, "petimer_start_reltimer_simple");
     if (handle == nullptr) return ENOMEM;
     // A failed start leaves the timer created; it goes when the engine stops.
     return petimer_start_reltimer(handle, intervalMs, arg);

@@ -77,9 +77,9 @@ public:
 
 // What one cycle measured and decided.
 struct Cycle {
-    uint32_t elapsed;   // ms of work since the last wake-up
-    uint32_t ticks;     // ticks to dispatch
-    uint32_t sleepUs;   // rest of the current tick, 1 to 10000 us
+    uint32_t elapsed;  // ms of work since the last wake-up
+    uint32_t ticks;    // ticks to dispatch
+    uint32_t sleepUs;  // rest of the current tick, 1 to 10000 us
 };
 
 Cycle plan_cycle(uint32_t last, uint32_t before) {

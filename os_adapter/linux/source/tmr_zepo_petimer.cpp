@@ -142,8 +142,7 @@ uint32_t ZEPO_FreeRelTimer(void *handle) { return petimer_free_reltimer(handle);
 
 uint32_t ZEPO_FreeRelTimerArg_safe(void *block) { return petimer_free_reltimerarg_safe(block); }
 
-uint32_t ZEPO_StartRelTimer_Simple(uint32_t intervalMs, ZEPO_TIMEOUT_FUNC pfnTimeout,
-                                   void *arg) {
+uint32_t ZEPO_StartRelTimer_Simple(uint32_t intervalMs, ZEPO_TIMEOUT_FUNC pfnTimeout, void *arg) {
     // Neither limited nor counted here.
     const int32_t started = ZEPO_StartTimerTask(nullptr, nullptr);
     if (started != 0) return static_cast<uint32_t>(started);
@@ -188,8 +187,8 @@ int32_t ZEPO_TimerProcess(ZEPO_PERIODIC_TIMER *timer) {
     const uint32_t offsetMs = ++timer->tickCount * timer->period;  // wraps after 49.7 days
     struct timespec deadline;
     deadline.tv_sec = static_cast<time_t>(timer->startSec + offsetMs / kMsPerSecond);
-    deadline.tv_nsec = static_cast<long>(offsetMs % kMsPerSecond) * kNsPerMs +
-                       static_cast<long>(timer->startNsec);
+    deadline.tv_nsec =
+        static_cast<long>(offsetMs % kMsPerSecond) * kNsPerMs + static_cast<long>(timer->startNsec);
     if (deadline.tv_nsec >= kNsPerSecond) {
         deadline.tv_sec += 1;
         deadline.tv_nsec -= kNsPerSecond;
