@@ -6,6 +6,7 @@
 
 #include <cstdint>
 
+#include "os_frame.h"
 #include "qel_timer_engine.h"
 
 namespace qel::timer {
@@ -49,6 +50,19 @@ inline void unlink(Link *record) {
     make_empty(record);
 }
 
+// ---- Locks ---------------------------------------------------------------------------------
+
+// Holds a lock, taken and released through the module's exported functions, for the life
+// of the object: using RelIndexLock = Held<reltmr_idxLock, reltmr_idxUnLock>.
+template <int32_t (*Lock)(void), int32_t (*Unlock)(void)>
+class Held {
+public:
+    Held() { Lock(); }
+    ~Held() { Unlock(); }
+    Held(const Held &) = delete;
+    Held &operator=(const Held &) = delete;
+};
+
 // ---- Shared words ---------------------------------------------------------------------
 //
 // The counters, free-list pointers and call-back slots are exported as plain C objects.
@@ -90,6 +104,16 @@ uint32_t table_bytes(uint32_t cells);
 TaskletEntry *new_tasklet(TSKLET_FUNC pfnTask, void *arg);
 void queue_last(TaskletQueue *queue, TaskletEntry *entry);
 void queue_first(TaskletQueue *queue, TaskletEntry *entry);
+
+// Queues a filled request record at the back with tsklet_invokelater; the record passes to
+// the tasklet when it was queued and stays the caller's (to be freed) when not.  Returns
+// the queuing result.
+template <typename Request>
+uint32_t queue_request(TaskletQueue *queue, TSKLET_FUNC tasklet, qel::HeapPtr<Request> &request) {
+    const int32_t queued = tsklet_invokelater(queue, tasklet, request.get());
+    if (queued == 0) request.release();
+    return static_cast<uint32_t>(queued);
+}
 // Sets errno to ENOMEM and gives 12: the result of every failed allocation of the engine.
 uint32_t no_memory();
 

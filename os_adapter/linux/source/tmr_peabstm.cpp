@@ -91,13 +91,7 @@ uint32_t s_cells = 0;
 uint64_t s_lastSecond = kNeverExamined;
 uint64_t s_currentSecond = 0;
 
-class IndexLock {
-public:
-    IndexLock() { abstmr_indexLock(); }
-    ~IndexLock() { abstmr_indexUnLock(); }
-    IndexLock(const IndexLock &) = delete;
-    IndexLock &operator=(const IndexLock &) = delete;
-};
+using IndexLock = Held<abstmr_indexLock, abstmr_indexUnLock>;
 
 AbsTimerRecord *record_at(Link *link) { return reinterpret_cast<AbsTimerRecord *>(link); }
 
@@ -339,9 +333,7 @@ uint32_t petimer_start_abstimer(void *handle, const struct tm *pattern, void *ar
     request.get()->record = record;
     request.get()->pattern = *pattern;
     request.get()->arg = arg;
-    const int32_t queued = tsklet_invokelater(&s_queue, start_tasklet, request.get());
-    if (queued == 0) request.release();
-    return static_cast<uint32_t>(queued);
+    return queue_request(&s_queue, start_tasklet, request);
 }
 
 uint32_t petimer_stop_abstimer_safe(void *handle, ZEPO_TIMER_DONE_FUNC pfnDone, void *doneArg) {
@@ -353,9 +345,7 @@ uint32_t petimer_stop_abstimer_safe(void *handle, ZEPO_TIMER_DONE_FUNC pfnDone, 
     request.get()->record = record;
     request.get()->pfnDone = pfnDone;
     request.get()->doneArg = doneArg;
-    const int32_t queued = tsklet_invokelater(&s_queue, stop_tasklet, request.get());
-    if (queued == 0) request.release();
-    return static_cast<uint32_t>(queued);
+    return queue_request(&s_queue, stop_tasklet, request);
 }
 
 uint32_t petimer_stop_abstimer_safeEx(void *handle, ZEPO_TIMER_DONE_FUNC pfnDone, void *doneArg,

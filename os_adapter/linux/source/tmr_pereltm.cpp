@@ -120,14 +120,7 @@ uint32_t s_counter = 0;
 // Cells of g_szRelTimer, fixed when it is allocated (index lock).
 uint32_t s_cells = 0;
 
-// Holds the index lock for the life of the object.
-class IndexLock {
-public:
-    IndexLock() { reltmr_idxLock(); }
-    ~IndexLock() { reltmr_idxUnLock(); }
-    IndexLock(const IndexLock &) = delete;
-    IndexLock &operator=(const IndexLock &) = delete;
-};
+using IndexLock = Held<reltmr_idxLock, reltmr_idxUnLock>;
 
 RelTimerRecord *record_at(Link *link) { return reinterpret_cast<RelTimerRecord *>(link); }
 
@@ -320,9 +313,7 @@ uint32_t request_for(void *handle, TSKLET_FUNC tasklet, Fill fill) {
     if (record == nullptr) return EINVAL;
     request.get()->record = record;
     fill(*request.get(), record);
-    const int32_t queued = tsklet_invokelater(&s_queue, tasklet, request.get());
-    if (queued == 0) request.release();
-    return static_cast<uint32_t>(queued);
+    return queue_request(&s_queue, tasklet, request);
 }
 
 // Empties the wheel at tear-down: every record's cell is released and the record freed.

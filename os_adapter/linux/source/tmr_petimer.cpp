@@ -55,23 +55,21 @@ std::atomic<uint64_t> s_threadId{0};
 std::atomic<PetimerTickHook *> s_hooks{nullptr};
 ZEPO_MUTEX s_startLock = ZEPO_MUTEX_INITIALIZER;
 
-// Holds the start lock for the life of the object.  A static ZEPO_MUTEX sets itself up at
-// its first lock, unguarded; the first timer creations of a process may well come from
-// several threads at once, so that first set-up is made exactly once.
-class StartLock {
-public:
-    StartLock() {
-        static std::once_flag setUp;
-        std::call_once(setUp, [] {
-            ZEPO_MutexLock(&s_startLock);
-            ZEPO_MutexUnLock(&s_startLock);
-        });
+// A static ZEPO_MUTEX sets itself up at its first lock, unguarded; the first timer
+// creations of a process may well come from several threads at once, so that first
+// set-up is made exactly once.
+int32_t lock_start() {
+    static std::once_flag setUp;
+    std::call_once(setUp, [] {
         ZEPO_MutexLock(&s_startLock);
-    }
-    ~StartLock() { ZEPO_MutexUnLock(&s_startLock); }
-    StartLock(const StartLock &) = delete;
-    StartLock &operator=(const StartLock &) = delete;
-};
+        ZEPO_MutexUnLock(&s_startLock);
+    });
+    return ZEPO_MutexLock(&s_startLock);
+}
+
+int32_t unlock_start() { return ZEPO_MutexUnLock(&s_startLock); }
+
+using StartLock = Held<lock_start, unlock_start>;
 
 // ---- The cycle ---------------------------------------------------------------------------
 
