@@ -198,6 +198,92 @@ inline std::vector<uint32_t> sleeps() {
     return c.sleeps;
 }
 
+// ---- Numbered cycles and the firings seen in them --------------------------------------------
+//
+// Tests that count firings number the driver's cycles: advance() runs one cycle of one tick
+// and counts it, so a request made now is carried out in next_cycle(), and a call-back
+// noted with note_firing is stamped with the cycle it ran in.
+
+// The number of the cycle the driver runs (or ran last).
+inline std::atomic<uint32_t> g_cycle{0};
+
+inline void advance(uint32_t cycles = 1) {
+    for (uint32_t i = 0; i < cycles; ++i) {
+        g_cycle.fetch_add(1);
+        run_cycle(10);
+    }
+}
+
+// Runs cycles up to and including cycle last.
+inline void run_through(uint32_t last) {
+    while (g_cycle.load() < last) advance();
+}
+
+// The cycle that carries out a request made now.
+inline uint32_t next_cycle() { return g_cycle.load() + 1; }
+
+// Every period cycles from first, count times.
+inline std::vector<uint32_t> every(uint32_t first, uint32_t period, uint32_t count) {
+    std::vector<uint32_t> cycles;
+    for (uint32_t i = 0; i < count; ++i) cycles.push_back(first + i * period);
+    return cycles;
+}
+
+struct Firing {
+    void *arg;
+    uint32_t cycle;
+    uint64_t thread;
+};
+
+struct FiringLog {
+    std::mutex lock;
+    std::vector<Firing> firings;
+};
+
+inline FiringLog &firing_log() {
+    static FiringLog log;
+    return log;
+}
+
+// A timer call-back that notes its argument, cycle and thread.
+inline void note_firing(void *arg) {
+    FiringLog &log = firing_log();
+    std::lock_guard<std::mutex> hold(log.lock);
+    log.firings.push_back({arg, g_cycle.load(), static_cast<uint64_t>(pthread_self())});
+}
+
+inline std::vector<Firing> firings() {
+    FiringLog &log = firing_log();
+    std::lock_guard<std::mutex> hold(log.lock);
+    return log.firings;
+}
+
+// The cycles in which arg was fired.
+inline std::vector<uint32_t> cycles_of(void *arg) {
+    std::vector<uint32_t> cycles;
+    for (const Firing &f : firings())
+        if (f.arg == arg) cycles.push_back(f.cycle);
+    return cycles;
+}
+
+// The arguments fired in a cycle, in firing order.
+inline std::vector<void *> fired_in(uint32_t cycle) {
+    std::vector<void *> args;
+    for (const Firing &f : firings())
+        if (f.cycle == cycle) args.push_back(f.arg);
+    return args;
+}
+
+inline size_t firing_count() { return firings().size(); }
+
+// Forgets the cycle count and the firings (for a test that follows another in one process).
+inline void forget_cycles_and_firings() {
+    g_cycle = 0;
+    FiringLog &log = firing_log();
+    std::lock_guard<std::mutex> hold(log.lock);
+    log.firings.clear();
+}
+
 // ---- Scripted calendar clock -------------------------------------------------------------
 
 // ZEPO_GetSysTimeSec hands out seconds (settable) instead of the real time.

@@ -97,27 +97,6 @@ constexpr uint32_t kFreeFailed = 0x20160048u;
 
 // ---- Cycles and firings ---------------------------------------------------------------------
 
-std::atomic<uint32_t> g_cycle{0};
-
-void advance(uint32_t cycles = 1) {
-    for (uint32_t i = 0; i < cycles; ++i) {
-        g_cycle.fetch_add(1);
-        run_cycle(10);
-    }
-}
-
-void run_through(uint32_t last) {
-    while (g_cycle.load() < last) advance();
-}
-
-uint32_t next_cycle() { return g_cycle.load() + 1; }
-
-std::vector<uint32_t> every(uint32_t first, uint32_t period, uint32_t count) {
-    std::vector<uint32_t> cycles;
-    for (uint32_t i = 0; i < count; ++i) cycles.push_back(first + i * period);
-    return cycles;
-}
-
 struct Firing {
     uint32_t index;
     uint32_t arg;

@@ -88,67 +88,8 @@ void release_block(void *block) { ZEPO_MemTypeFreeD(block, 0, __LINE__, __FILE__
 
 // ---- Cycles and firings ------------------------------------------------------------------
 
-// The number of the cycle the driver runs (or ran last).
-std::atomic<uint32_t> g_cycle{0};
-
-void advance(uint32_t cycles = 1) {
-    for (uint32_t i = 0; i < cycles; ++i) {
-        g_cycle.fetch_add(1);
-        run_cycle(10);
-    }
-}
-
-// Runs cycles up to and including cycle `last`.
-void run_through(uint32_t last) {
-    while (g_cycle.load() < last) advance();
-}
-
-// The cycle that carries out a request made now.
-uint32_t next_cycle() { return g_cycle.load() + 1; }
-
 // The tick counter while that cycle runs its requests.
 uint32_t counter_at(uint32_t cycle) { return cycle - 1; }
-
-struct Firing {
-    void *arg;
-    uint32_t cycle;
-};
-
-std::mutex g_firingsLock;
-std::vector<Firing> g_firings;
-
-void note_firing(void *arg) {
-    std::lock_guard<std::mutex> hold(g_firingsLock);
-    g_firings.push_back({arg, g_cycle.load()});
-}
-
-std::vector<uint32_t> cycles_of(void *arg) {
-    std::lock_guard<std::mutex> hold(g_firingsLock);
-    std::vector<uint32_t> cycles;
-    for (const Firing &f : g_firings)
-        if (f.arg == arg) cycles.push_back(f.cycle);
-    return cycles;
-}
-
-std::vector<void *> fired_in(uint32_t cycle) {
-    std::lock_guard<std::mutex> hold(g_firingsLock);
-    std::vector<void *> args;
-    for (const Firing &f : g_firings)
-        if (f.cycle == cycle) args.push_back(f.arg);
-    return args;
-}
-
-size_t firing_count() {
-    std::lock_guard<std::mutex> hold(g_firingsLock);
-    return g_firings.size();
-}
-
-// Every `period` cycles from `first`, `count` times.
-std::vector<uint32_t> every(uint32_t first, uint32_t period, uint32_t count) {
-    std::vector<uint32_t> cycles;
-    for (uint32_t i = 0; i < count; ++i) cycles.push_back(first + i * period);
-    return cycles;
-}
 
 // ---- Stop completion functions -------------------------------------------------------------
 
@@ -211,11 +152,7 @@ void work_for(void *ms) {
 
 // Forgets what an earlier test in the same process saw.
 void forget_calls() {
-    g_cycle = 0;
-    {
-        std::lock_guard<std::mutex> hold(g_firingsLock);
-        g_firings.clear();
-    }
+    forget_cycles_and_firings();
     {
         std::lock_guard<std::mutex> hold(g_doneLock);
         g_doneCalls.clear();

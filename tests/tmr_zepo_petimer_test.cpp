@@ -343,48 +343,6 @@ namespace {
 
 // ---- Cycles and firings ---------------------------------------------------------------------
 
-std::atomic<uint32_t> g_cycle{0};
-
-void advance(uint32_t cycles = 1) {
-    for (uint32_t i = 0; i < cycles; ++i) {
-        g_cycle.fetch_add(1);
-        run_cycle(10);
-    }
-}
-
-void run_through(uint32_t last) {
-    while (g_cycle.load() < last) advance();
-}
-
-uint32_t next_cycle() { return g_cycle.load() + 1; }
-
-struct Firing {
-    void *arg;
-    uint32_t cycle;
-    uint64_t thread;
-};
-
-std::mutex g_firingsLock;
-std::vector<Firing> g_firings;
-
-void note_firing(void *arg) {
-    std::lock_guard<std::mutex> hold(g_firingsLock);
-    g_firings.push_back({arg, g_cycle.load(), static_cast<uint64_t>(pthread_self())});
-}
-
-std::vector<uint32_t> cycles_of(void *arg) {
-    std::lock_guard<std::mutex> hold(g_firingsLock);
-    std::vector<uint32_t> cycles;
-    for (const Firing &f : g_firings)
-        if (f.arg == arg) cycles.push_back(f.cycle);
-    return cycles;
-}
-
-std::vector<Firing> firings() {
-    std::lock_guard<std::mutex> hold(g_firingsLock);
-    return g_firings;
-}
-
 std::mutex g_doneLock;
 std::vector<void *> g_doneArgs;
 
