@@ -41,8 +41,9 @@
  * qel_timer_engine.h); it stays the same for the life of the timer, and a freed cell is
  * reused as late as possible.  Relative requests test a handle fully: null, outside the
  * table, freed, or an engine that is stopping all give 22 and queue nothing.  Absolute
- * requests test only for null (and a stopping engine): starting, stopping or freeing a
- * freed absolute handle is the caller's error and corrupts the engine.  After
+ * requests test only for a null handle or an empty cell (stop and free also for a
+ * stopping engine): starting, stopping or freeing a freed absolute handle is the caller's
+ * error and corrupts the engine.  After
  * ZEPO_StopTimerTask every handle of both kinds is gone.
  *
  * Results of the engine are errno values: 0 success, 22 (EINVAL) bad handle, bad argument
