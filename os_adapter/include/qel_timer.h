@@ -195,9 +195,17 @@ uint32_t ZEPO_StartRelTimer_Simple(uint32_t intervalMs, ZEPO_TIMEOUT_FUNC pfnTim
  * every matching second while started, 1 fires and is then stopped (still created), 2
  * fires and is then freed (mode is kept whole; bit value 2 wins over bit value 1).  When
  * a check makes up several seconds at once, modes 1, 2 and 3 fire at each matching
- * second of that check, and only then take effect.  A mode-2 timer's handle becomes invalid when
- * it fires, on the driver thread: other threads must not use it around that time, and its
- * own call-back, if it frees its timer, must free no other absolute timer.
+ * second of that check.
+ *
+ * A mode-2 timer's handle becomes invalid when it fires, on the driver thread: other
+ * threads must not use it around that time.  After firing, the engine releases its cell
+ * unless the cell holds nothing; it does not recognise a cell that has become a free-list
+ * link.  The released cell holds nothing only while it is the last free cell, so once
+ * another absolute cell is released after it - by the call-back, or by another thread -
+ * a later match of the same timer in the same check releases the cell a second time and
+ * corrupts the engine.  Hence: a mode-2 call-back that frees its own timer must free no
+ * further absolute timer, and no absolute timer may be freed while a mode-2 timer whose
+ * pattern matches several seconds can be firing in a check that makes up time.
  * Starts the engine first if it does not run.  Returns the handle, or NULL when the
  * engine cannot start or is stopping, when 2000 absolute timers or ulMaxAbstmNum exist,
  * when the handle table is full (errno unchanged), for a NULL pfnTimeout (errno EINVAL)
@@ -238,8 +246,7 @@ uint32_t ZEPO_StopAbsTimer_SafeEx(void *handle, ZEPO_TIMER_DONE_FUNC pfnDone, vo
 /*
  * Frees the calendar timer: the handle's cell is released at once and the driver frees
  * the timer at its next check (g_abstmNum drops then, not now).  Returns 0, 22 (null
- * handle or cell, engine stopping, or a mode-2 timer that released itself by firing
- * meanwhile) or 12 (errno ENOMEM: nothing changed).
+ * handle or cell, engine stopping) or 12 (errno ENOMEM: nothing changed).
  */
 uint32_t ZEPO_FreeAbsTimer(void *handle);
 

@@ -311,9 +311,8 @@ void *petimer_create_abstimer(ZEPO_TIMEOUT_FUNC pfnTimeout, uint32_t mode);
 uint32_t petimer_start_abstimer(void *handle, const struct tm *pattern, void *arg);
 
 /* Behind ZEPO_StopAbsTimer_Safe, ZEPO_StopAbsTimer_SafeEx and ZEPO_FreeAbsTimer: 22 for a
- * NULL handle, a cell that holds nothing, the quitting flag (and a NULL argOut; for the
- * free also when, under the index lock, the cell no longer holds the timer); else 0 or
- * 12. */
+ * NULL handle, a cell that holds nothing, the quitting flag (and a NULL argOut); else 0
+ * or 12. */
 uint32_t petimer_stop_abstimer_safe(void *handle, ZEPO_TIMER_DONE_FUNC pfnDone, void *doneArg);
 uint32_t petimer_stop_abstimer_safeEx(void *handle, ZEPO_TIMER_DONE_FUNC pfnDone, void *doneArg,
                                       void **argOut);

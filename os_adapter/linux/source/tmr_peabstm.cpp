@@ -150,20 +150,18 @@ bool matches(const struct tm &pattern, const struct tm &local) {
            field_matches(pattern.tm_year, local.tm_year);
 }
 
-// True while the record's cell still holds it: not after the record's release, whether
-// the cell now holds nothing or, once another cell was released after it, a free-list link.
-bool holds(const AbsTimerRecord *record) { return load(*cell_of(record)) == record; }
-
-// After a mode-2 timer fired: its cell is released and its record's release queued, unless
-// the cell no longer holds it (the call-back freed the timer itself, or an earlier second
-// of this hook call released it already).  Without memory for the tasklet the timer is
-// taken out of the list instead, and stays created until the engine stops.
-void release_fired(AbsTimerRecord *record) {
+// After a mode-2 timer fired: unless its cell holds nothing (its call-back freed it), the
+// cell goes to the tail of the free list under the index lock and the record's release is
+// queued.  Only nothing is tested, not a free-list link, as the absolute module always
+// did: the header says what a mode-2 call-back may free because of it.  Returns false
+// when the cell held nothing.  Without memory for the tasklet the timer is taken out of
+// the list instead, and stays created until the engine stops.
+bool release_fired(AbsTimerRecord *record) {
     TaskletEntry *entry = nullptr;
     {
         IndexLock locked;
         void **cell = cell_of(record);
-        if (!holds(record)) return;
+        if (load(*cell) == nullptr) return false;
         entry = new_tasklet(free_tasklet, record);
         if (entry != nullptr) append_free_cell(cell, g_pAbsHead, g_pAbsTail);
     }
@@ -171,6 +169,7 @@ void release_fired(AbsTimerRecord *record) {
         queue_last(&s_queue, entry);
     else if (in_list(link_of(record)))
         unlink(link_of(record));
+    return true;
 }
 
 // Examines the seconds after last up to now for one record, firing at each match.
@@ -182,11 +181,9 @@ void examine(AbsTimerRecord *record, uint64_t last, uint64_t now) {
         if (ZEPO_LocalTime_S(&local, &at) != 0) continue;
         if (!matches(record->stTime, local)) continue;
         record->pfnTimeout(load(record->arg));
-        // A cell that holds nothing means the timer was released; a free-list link would
-        // mean the same, and releasing it again would tie the free list into a loop.
-        if ((record->mode & kFreeAfterFiring) != 0 && holds(record))
-            release_fired(record);
-        else if ((record->mode & kOneShot) != 0 && in_list(link_of(record)))
+        // The walk over the remaining seconds goes on either way.
+        const bool released = (record->mode & kFreeAfterFiring) != 0 && release_fired(record);
+        if (!released && (record->mode & kOneShot) != 0 && in_list(link_of(record)))
             unlink(link_of(record));
     }
 }
@@ -269,7 +266,7 @@ uint32_t delinit_abstm(void) {
     while (entry != &s_list) {
         Link *const successor = entry->next;
         AbsTimerRecord *record = record_at(entry);
-        if (holds(record)) petimer_relAbsIndex(cell_of(record));
+        petimer_relAbsIndex(cell_of(record));
         qel::heap_free(record);
         count_down(g_abstmNum);
         entry = successor;
@@ -362,16 +359,7 @@ uint32_t petimer_free_abstimer(void *handle) {
     // The tasklet first: without memory nothing changes.
     TaskletEntry *entry = new_tasklet(free_tasklet, record);
     if (entry == nullptr) return no_memory();
-    {
-        // The driver may have released the cell of a mode-2 timer that fired meanwhile:
-        // a second release would free the record twice.
-        IndexLock locked;
-        if (!holds(record)) {
-            qel::heap_free(entry);
-            return EINVAL;
-        }
-        petimer_relAbsIndex(handle);
-    }
+    petimer_relAbsIndex(handle);
     queue_last(&s_queue, entry);
     return 0;
 }
