@@ -39,8 +39,10 @@
  *
  * Handles.  A handle is the address of a cell of the engine's handle table (see
  * qel_timer_engine.h); it stays the same for the life of the timer, and a freed cell is
- * reused as late as possible.  Relative requests test a handle fully: null, outside the
- * table, freed, or an engine that is stopping all give 22 and queue nothing.  Absolute
+ * reused as late as possible.  Relative requests test a handle: null, outside the table,
+ * a cell that holds no timer (freed), or an engine that is stopping all give 22 and queue
+ * nothing; its alignment is not tested, so an address between two cells is taken for
+ * the mixture of both.  Absolute
  * requests test only for a null handle or an empty cell (stop and free also for a
  * stopping engine): starting, stopping or freeing a freed absolute handle is the caller's
  * error and corrupts the engine.  After

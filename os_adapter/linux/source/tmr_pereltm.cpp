@@ -30,6 +30,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "os_frame.h"
 #include "qel_bounds.h"
@@ -136,13 +137,15 @@ bool in_table(const void *address) {
     return at >= first && at <= last;
 }
 
-// The record of a valid handle, or null: a handle is valid when it is a cell of the table
-// holding a record (not nothing, not a free-list link) and the engine is not quitting.
-// A handle between two cells is refused too: reading it would mix two cells.
+// The record of a valid handle, or null: a handle is valid when it lies within the table,
+// its cell holds a record (not nothing, not a free-list link) and the engine is not
+// quitting.  Its alignment is not tested: an address between two cells reads parts of
+// both (copied bytewise, so that the read itself is sound) - callers pass the handles the
+// engine gave them.
 RelTimerRecord *record_of(void *handle) {
     if (handle == nullptr || petimer_isQuiting() != 0 || !in_table(handle)) return nullptr;
-    if (reinterpret_cast<uintptr_t>(handle) % alignof(void *) != 0) return nullptr;
-    void *content = *static_cast<void **>(handle);
+    void *content = nullptr;
+    std::memcpy(&content, handle, sizeof content);
     if (content == nullptr || in_table(content)) return nullptr;
     return static_cast<RelTimerRecord *>(content);
 }
