@@ -69,18 +69,6 @@ QueueRecord *look_up(uint32_t queueId) {
     return found;
 }
 
-// Holds a queue's lock for the life of the object.
-class QueueLock {
-public:
-    explicit QueueLock(QueueRecord *q) : q_(q) { ZEPO_MutexLock(&q_->lock); }
-    ~QueueLock() { ZEPO_MutexUnLock(&q_->lock); }
-    QueueLock(const QueueLock &) = delete;
-    QueueLock &operator=(const QueueLock &) = delete;
-
-private:
-    QueueRecord *q_;
-};
-
 // Appends a copy of the message (queue lock held).  A failed allocation leaves the queue
 // unchanged.
 uint32_t append(QueueRecord *q, const void *message, uint32_t length) {
@@ -133,7 +121,7 @@ uint32_t wait_then(QueueRecord *q, ZEPO_SEM *sem, uint32_t timeoutMs, Ready read
     uint32_t result = 0;
     const auto attempt = [&]() {
         {
-            QueueLock locked(q);
+            qel::MutexHold locked(&q->lock);
             if (ready(q)) {
                 result = act(q);
                 return true;
@@ -295,7 +283,7 @@ uint32_t QEL_QueueWrite(uint32_t queueId, const void *message, uint32_t length,
         return append(queue, message, length);
     };
     {
-        QueueLock locked(q);
+        qel::MutexHold locked(&q->lock);
         if (count_of(q) != q->capacity) return write(q);
     }
     // Full: wait for room.  Both time-out paths give the same code.

@@ -26,6 +26,7 @@
 #include "qel_file.h"
 #include "qel_frame.h"
 #include "qel_memory.h"
+#include "qel_mutex.h"
 #include "qel_string.h"
 
 namespace qel {
@@ -111,6 +112,20 @@ public:
 private:
     T *p_;
     Where where_;
+};
+
+// ---- Locks -----------------------------------------------------------------------
+
+// Holds a ZEPO_MUTEX record for the life of the object (lock results are not tested).
+class MutexHold {
+public:
+    explicit MutexHold(ZEPO_MUTEX *mutex) : mutex_(mutex) { ZEPO_MutexLock(mutex_); }
+    ~MutexHold() { ZEPO_MutexUnLock(mutex_); }
+    MutexHold(const MutexHold &) = delete;
+    MutexHold &operator=(const MutexHold &) = delete;
+
+private:
+    ZEPO_MUTEX *mutex_;
 };
 
 // ---- Descriptors -----------------------------------------------------------------

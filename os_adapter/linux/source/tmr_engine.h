@@ -50,19 +50,6 @@ inline void unlink(Link *record) {
     make_empty(record);
 }
 
-// ---- Locks ---------------------------------------------------------------------------------
-
-// Holds a lock, taken and released through the module's exported functions, for the life
-// of the object: using RelIndexLock = Held<reltmr_idxLock, reltmr_idxUnLock>.
-template <int32_t (*Lock)(void), int32_t (*Unlock)(void)>
-class Held {
-public:
-    Held() { Lock(); }
-    ~Held() { Unlock(); }
-    Held(const Held &) = delete;
-    Held &operator=(const Held &) = delete;
-};
-
 // ---- Shared words ---------------------------------------------------------------------
 //
 // The counters, free-list pointers and call-back slots are exported as plain C objects.

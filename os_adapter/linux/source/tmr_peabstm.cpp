@@ -91,7 +91,9 @@ uint32_t s_cells = 0;
 uint64_t s_lastSecond = kNeverExamined;
 uint64_t s_currentSecond = 0;
 
-using IndexLock = Held<abstmr_indexLock, abstmr_indexUnLock>;
+struct IndexLock : qel::MutexHold {
+    IndexLock() : MutexHold(&s_indexLock) {}
+};
 
 AbsTimerRecord *record_at(Link *link) { return reinterpret_cast<AbsTimerRecord *>(link); }
 

@@ -121,7 +121,9 @@ uint32_t s_counter = 0;
 // Cells of g_szRelTimer, fixed when it is allocated (index lock).
 uint32_t s_cells = 0;
 
-using IndexLock = Held<reltmr_idxLock, reltmr_idxUnLock>;
+struct IndexLock : qel::MutexHold {
+    IndexLock() : MutexHold(&s_indexLock) {}
+};
 
 RelTimerRecord *record_at(Link *link) { return reinterpret_cast<RelTimerRecord *>(link); }
 

@@ -58,18 +58,14 @@ ZEPO_MUTEX s_startLock = ZEPO_MUTEX_INITIALIZER;
 // A static ZEPO_MUTEX sets itself up at its first lock, unguarded; the first timer
 // creations of a process may well come from several threads at once, so that first
 // set-up is made exactly once.
-int32_t lock_start() {
+ZEPO_MUTEX *start_lock() {
     static std::once_flag setUp;
     std::call_once(setUp, [] {
         ZEPO_MutexLock(&s_startLock);
         ZEPO_MutexUnLock(&s_startLock);
     });
-    return ZEPO_MutexLock(&s_startLock);
+    return &s_startLock;
 }
-
-int32_t unlock_start() { return ZEPO_MutexUnLock(&s_startLock); }
-
-using StartLock = Held<lock_start, unlock_start>;
 
 // ---- The cycle ---------------------------------------------------------------------------
 
@@ -165,7 +161,7 @@ bool on_driver_thread() {
 extern "C" {
 
 int32_t petimer_start(uint64_t *threadIdOut, const pthread_attr_t *threadAttr) {
-    StartLock locked;
+    qel::MutexHold locked(start_lock());
     if (s_started.load() == 1) return 0;
     // The tables cannot be built without cells; refusing here leaves nothing half-built.
     if (load(ulMaxAbstmNum) == 0 || load(ulMaxReltmNum) == 0) return EINVAL;

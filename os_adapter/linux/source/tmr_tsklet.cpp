@@ -58,15 +58,13 @@ TaskletEntry *new_tasklet(TSKLET_FUNC pfnTask, void *arg) {
 }
 
 void queue_last(TaskletQueue *queue, TaskletEntry *entry) {
-    ZEPO_MutexLock(&queue->lock);
+    qel::MutexHold locked(&queue->lock);
     insert_before(link_of(queue), link_of(entry));
-    ZEPO_MutexUnLock(&queue->lock);
 }
 
 void queue_first(TaskletQueue *queue, TaskletEntry *entry) {
-    ZEPO_MutexLock(&queue->lock);
+    qel::MutexHold locked(&queue->lock);
     insert_after(link_of(queue), link_of(entry));
-    ZEPO_MutexUnLock(&queue->lock);
 }
 
 }  // namespace qel::timer
@@ -81,14 +79,15 @@ int32_t tsklet_init(TaskletQueue *queue) {
 }
 
 int32_t tsklet_delinit(TaskletQueue *queue) {
-    ZEPO_MutexLock(&queue->lock);
-    Link *const sentinel = link_of(queue);
-    while (!is_empty(sentinel)) {
-        Link *entry = sentinel->next;
-        unlink(entry);
-        release(reinterpret_cast<TaskletEntry *>(entry));
+    {
+        qel::MutexHold locked(&queue->lock);
+        Link *const sentinel = link_of(queue);
+        while (!is_empty(sentinel)) {
+            Link *entry = sentinel->next;
+            unlink(entry);
+            release(reinterpret_cast<TaskletEntry *>(entry));
+        }
     }
-    ZEPO_MutexUnLock(&queue->lock);
     ZEPO_MutexDestroy(&queue->lock);
     return 0;
 }
