@@ -12,7 +12,6 @@
 #include <cstdint>
 
 #include "os_frame.h"
-#include "qel_bounds.h"
 #include "qel_timer.h"
 #include "qel_timer_engine.h"
 #include "tmr_engine.h"
@@ -47,15 +46,13 @@ bool out_of_range(const ZEPO_RELTIMER_GRP *group, uint32_t index) {
 // The largest block memset_s clears.
 constexpr uint64_t kLargestZeroed = 0x7FFFFFFF;
 
-// A zero-filled block; null when it cannot be had, and for 0 bytes or more than can be
-// cleared.
+// count zero-filled records; null when they cannot be had, and for 0 bytes or more than
+// can be cleared.
 template <typename T>
 T *zeroed(uint64_t count) {
     const uint64_t bytes = count * sizeof(T);
     if (bytes == 0 || bytes > kLargestZeroed) return nullptr;
-    auto *block = static_cast<T *>(qel::heap_alloc(static_cast<uint32_t>(bytes)));
-    if (block != nullptr) (void)memset_s(block, bytes, 0, bytes);
-    return block;
+    return static_cast<T *>(qel::heap_zalloc(static_cast<uint32_t>(bytes)));
 }
 
 }  // namespace

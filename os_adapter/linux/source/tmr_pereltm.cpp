@@ -471,21 +471,16 @@ void *petimer_create_reltimer(ZEPO_TIMEOUT_FUNC pfnTimeout, int32_t mode, uint32
         return nullptr;
     }
     qel::HeapPtr<RelTimerRecord> record(
-        static_cast<RelTimerRecord *>(qel::heap_alloc(sizeof(RelTimerRecord))));
+        static_cast<RelTimerRecord *>(qel::heap_zalloc(sizeof(RelTimerRecord))));
     if (!record) {
         errno = ENOMEM;
         return nullptr;
     }
     RelTimerRecord *timer = record.get();
     make_empty(link_of(timer));
-    timer->interval = 0;
-    timer->due = 0;
     timer->pfnTimeout = pfnTimeout;
-    timer->arg = nullptr;
     timer->mode = static_cast<uint32_t>(mode) & kModeKept;
-    timer->list = kNearList;
     timer->line = kNoCreatorLine;
-    timer->name = nullptr;
     IndexLock locked;
     void **cell = g_pRelHead;
     if (cell == nullptr) return nullptr;  // no free cell; errno stays
