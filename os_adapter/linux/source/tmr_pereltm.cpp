@@ -139,17 +139,23 @@ bool in_table(const void *address) {
     return at >= first && at <= last;
 }
 
-// The record of a valid handle, or null: a handle is valid when it lies within the table,
-// its cell holds a record (not nothing, not a free-list link) and the engine is not
-// quitting.  Its alignment is not tested: an address between two cells reads parts of
-// both (copied bytewise, so that the read itself is sound) - callers pass the handles the
-// engine gave them.
-RelTimerRecord *record_of(void *handle) {
-    if (handle == nullptr || petimer_isQuiting() != 0 || !in_table(handle)) return nullptr;
+// The record the cell at handle holds, or null when handle lies outside the table or its
+// cell holds nothing or a free-list link.  Its alignment is not tested: an address
+// between two cells reads parts of both (copied bytewise, so that the read itself is
+// sound) - callers pass the handles the engine gave them.
+RelTimerRecord *record_in_cell(void *handle) {
+    if (!in_table(handle)) return nullptr;
     void *content = nullptr;
     std::memcpy(&content, handle, sizeof content);
     if (content == nullptr || in_table(content)) return nullptr;
     return static_cast<RelTimerRecord *>(content);
+}
+
+// The record of a valid handle, or null: one whose cell holds a record while the engine
+// is not quitting.
+RelTimerRecord *record_of(void *handle) {
+    if (petimer_isQuiting() != 0) return nullptr;
+    return record_in_cell(handle);
 }
 
 // True while the record's cell still holds it.
@@ -382,12 +388,10 @@ void append_free_cell(void **cell, void **&head, void **&tail) {
 
 void name_creator(void *handle, uint32_t line, const char *name) {
     IndexLock locked;
-    // Tested like a request's handle, but whatever the quitting flag says: a creation that
-    // raced with a stop finds its record freed and its cell released.
-    if (!in_table(handle)) return;
-    void *content = *static_cast<void **>(handle);
-    if (content == nullptr || in_table(content)) return;
-    auto *record = static_cast<RelTimerRecord *>(content);
+    // Whatever the quitting flag says; a creation that raced with a stop finds its record
+    // freed and its cell released, and names nothing.
+    RelTimerRecord *record = record_in_cell(handle);
+    if (record == nullptr) return;
     record->line = line;
     record->name = name;
 }
