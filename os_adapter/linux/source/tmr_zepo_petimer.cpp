@@ -53,6 +53,18 @@ bool room_for_one_more(const int32_t &counter, const uint32_t &limit) {
 
 bool engine_ready() { return ZEPO_StartTimerTask(nullptr, nullptr) == 0; }
 
+// The stopping sequence: quitting flag raised under both index locks, the driver joined
+// (it runs the queued requests and frees every timer before it leaves), flag cleared.
+int32_t stop_engine() {
+    const uint64_t id = petimer_getTreadId();
+    if (id == 0 || petimer_isQuiting() != 0) return -1;
+    if (on_driver_thread()) return -1;  // a call-back would wait for its own thread
+    petimer_setQuitingFlag(1, 1);
+    petimer_stop(id);
+    petimer_setQuitingFlag(0, 0);
+    return 0;
+}
+
 // A field of the caller's convention moved to the C library's, keeping the wildcard.
 int shifted(int value, int by) { return value == kAnyValue ? value : value - by; }
 
@@ -68,21 +80,11 @@ int32_t ZEPO_StartTimerTask(uint64_t *threadIdOut, const pthread_attr_t *attr) {
 }
 
 int32_t ZEPO_StopTimerTask(void) {
-    const uint64_t id = petimer_getTreadId();
-    if (id == 0 || petimer_isQuiting() != 0) return -1;
-    // A call-back would wait for its own thread.
-    if (on_driver_thread()) return -1;
+    // One stop at a time: a second one would join the driver thread twice.
     if (s_stopping.exchange(true)) return -1;
-    // Another stop may have ended between the test and the exchange.
-    if (petimer_getTreadId() != id || petimer_isQuiting() != 0) {
-        s_stopping.store(false);
-        return -1;
-    }
-    petimer_setQuitingFlag(1, 1);
-    petimer_stop(id);
-    petimer_setQuitingFlag(0, 0);
+    const int32_t result = stop_engine();
     s_stopping.store(false);
-    return 0;
+    return result;
 }
 
 // ---- Creation with limits ---------------------------------------------------------------
