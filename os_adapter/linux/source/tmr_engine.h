@@ -70,18 +70,29 @@ inline void count_up(int32_t &counter) { __atomic_fetch_add(&counter, 1, __ATOMI
 inline void count_down(int32_t &counter) { __atomic_fetch_sub(&counter, 1, __ATOMIC_RELAXED); }
 
 // ---- Handle tables ----------------------------------------------------------------------
+//
+// The handle table of a module: its exported table pointer and free-list ends, and the
+// number of cells it was built with.  A cell holds a record, or while free the address of
+// the next free cell (nothing for the last).  Every member runs under the module's index
+// lock.
+struct HandleTable {
+    void **&cells;
+    void **&head;
+    void **&tail;
+    uint32_t count;
 
-// Both modules chain a fresh table the same way: cell i holds the address of cell i + 1,
-// the last holds nothing; head and tail are the first and last cells.
-void chain_cells(void **table, uint32_t cells, void **&head, void **&tail);
-
-// Appends a cell at the tail of a free list and makes it the list's end (index lock
-// held by the caller).
-void append_free_cell(void **cell, void **&head, void **&tail);
-
-// Bytes of a table of cells, 0 when the count is 0 or the size does not fit the 32-bit
-// size of the memory entry points.
-uint32_t table_bytes(uint32_t cells);
+    // True for an address from the first to the last cell.
+    bool contains(const void *address) const;
+    // Frees a table left from before, then allocates count cells and chains each to the
+    // next; 0, or 12 with errno ENOMEM (also for 0 cells, or more than 32 bits of bytes).
+    uint32_t build(uint32_t wanted);
+    // Appends a cell at the tail of the free list and makes it the list's end.
+    void release_cell(void **cell);
+    // Frees the record every cell still holds, counting each down in counter.
+    void free_records(int32_t &counter);
+    // Overwrites the table with zero bytes, frees and forgets it; head and tail stay.
+    void discard();
+};
 
 // ---- Tasklets -----------------------------------------------------------------------------
 //

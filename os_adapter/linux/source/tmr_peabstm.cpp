@@ -28,7 +28,6 @@
 #include <ctime>
 
 #include "os_frame.h"
-#include "qel_bounds.h"
 #include "qel_mutex.h"
 #include "qel_time.h"
 #include "qel_timer_engine.h"
@@ -86,7 +85,7 @@ TaskletQueue s_queue;
 // set-up.  Left destroyed by the tear-down.
 ZEPO_MUTEX s_indexLock{};
 Link s_list;
-uint32_t s_cells = 0;
+HandleTable s_table{g_szAbsTimer, g_pAbsHead, g_pAbsTail, 0};
 // The driver's: the last second examined, and the current one.
 uint64_t s_lastSecond = kNeverExamined;
 uint64_t s_currentSecond = 0;
@@ -107,13 +106,6 @@ AbsTimerRecord *record_in(void *handle) {
 bool quitting() { return petimer_isQuiting() == 1; }
 
 void **cell_of(const AbsTimerRecord *record) { return &g_szAbsTimer[record->index]; }
-
-bool in_table(const void *address) {
-    if (g_szAbsTimer == nullptr || s_cells == 0) return false;
-    const auto at = reinterpret_cast<uintptr_t>(address);
-    return at >= reinterpret_cast<uintptr_t>(g_szAbsTimer) &&
-           at <= reinterpret_cast<uintptr_t>(g_szAbsTimer + (s_cells - 1));
-}
 
 // ---- Tasklets (driver thread) ---------------------------------------------------------------
 
@@ -165,7 +157,7 @@ bool release_fired(AbsTimerRecord *record) {
         void **cell = cell_of(record);
         if (load(*cell) == nullptr) return false;
         entry = new_tasklet(free_tasklet, record);
-        if (entry != nullptr) append_free_cell(cell, g_pAbsHead, g_pAbsTail);
+        if (entry != nullptr) s_table.release_cell(cell);
     }
     if (entry != nullptr)
         queue_last(&s_queue, entry);
@@ -221,31 +213,14 @@ int32_t abstmr_indexUnLock(void) { return ZEPO_MutexUnLock(&s_indexLock); }
 uint32_t init_AbsIndex(void) {
     if (ZEPO_MutexInit(&s_indexLock, nullptr) != 0) return 1;
     IndexLock locked;
-    if (g_szAbsTimer != nullptr) {
-        qel::heap_free(g_szAbsTimer);
-        g_szAbsTimer = nullptr;
-        s_cells = 0;
-    }
-    const uint32_t cells = load(ulMaxAbstmNum);
-    const uint32_t bytes = table_bytes(cells);
-    auto **table = bytes != 0 ? static_cast<void **>(qel::heap_alloc(bytes)) : nullptr;
-    if (table == nullptr) return no_memory();
-    chain_cells(table, cells, g_pAbsHead, g_pAbsTail);
-    g_szAbsTimer = table;
-    s_cells = cells;
-    return 0;
+    return s_table.build(load(ulMaxAbstmNum));
 }
 
 uint32_t delinit_AbsIndex(void) {
     {
         IndexLock locked;
-        if (g_szAbsTimer != nullptr) {
-            (void)memset_s(g_szAbsTimer, s_cells * sizeof(void *), 0, s_cells * sizeof(void *));
-            qel::heap_free(g_szAbsTimer);
-            g_szAbsTimer = nullptr;
-            s_cells = 0;
-        }
         // g_pAbsHead and g_pAbsTail keep their values: the next start rebuilds them.
+        s_table.discard();
     }
     return static_cast<uint32_t>(ZEPO_MutexDestroy(&s_indexLock));
 }
@@ -276,12 +251,7 @@ uint32_t delinit_abstm(void) {
     make_empty(&s_list);
     {
         IndexLock locked;
-        for (uint32_t i = 0; i < s_cells; ++i) {
-            void *content = g_szAbsTimer[i];
-            if (content == nullptr || in_table(content)) continue;
-            qel::heap_free(content);
-            count_down(g_abstmNum);
-        }
+        s_table.free_records(g_abstmNum);
     }
     if (const uint32_t result = delinit_AbsIndex(); result != 0) return result;
     petimer_deregister_tickhook(calendar_hook);
@@ -290,7 +260,7 @@ uint32_t delinit_abstm(void) {
 
 uint32_t petimer_relAbsIndex(void *cell) {
     IndexLock locked;
-    append_free_cell(static_cast<void **>(cell), g_pAbsHead, g_pAbsTail);
+    s_table.release_cell(static_cast<void **>(cell));
     return 0;
 }
 
@@ -315,7 +285,7 @@ void *petimer_create_abstimer(ZEPO_TIMEOUT_FUNC pfnTimeout, uint32_t mode) {
     // Tested again under the lock: another creator may have taken the last cell, or the
     // engine may have stopped, leaving g_pAbsHead pointing into the released table.
     void **cell = load(g_pAbsHead);
-    if (cell == nullptr || !in_table(cell)) return nullptr;
+    if (cell == nullptr || !s_table.contains(cell)) return nullptr;
     store(g_pAbsHead, static_cast<void **>(*cell));
     if (load(g_pAbsHead) == nullptr) store(g_pAbsTail, static_cast<void **>(nullptr));
     timer->index = static_cast<int32_t>(cell - g_szAbsTimer);

@@ -118,8 +118,7 @@ ZEPO_MUTEX s_indexLock = ZEPO_MUTEX_INITIALIZER;
 // The driver's: the wheel and its tick counter.
 TimerWheel *s_wheel = nullptr;
 uint32_t s_counter = 0;
-// Cells of g_szRelTimer, fixed when it is allocated (index lock).
-uint32_t s_cells = 0;
+HandleTable s_table{g_szRelTimer, g_pRelHead, g_pRelTail, 0};
 
 struct IndexLock : qel::MutexHold {
     IndexLock() : MutexHold(&s_indexLock) {}
@@ -131,23 +130,15 @@ void *load_arg(const RelTimerRecord *record) { return load(record->arg); }
 
 // ---- Handle table (index lock held) --------------------------------------------------------
 
-bool in_table(const void *address) {
-    if (g_szRelTimer == nullptr || s_cells == 0) return false;
-    const auto at = reinterpret_cast<uintptr_t>(address);
-    const auto first = reinterpret_cast<uintptr_t>(g_szRelTimer);
-    const auto last = reinterpret_cast<uintptr_t>(g_szRelTimer + (s_cells - 1));
-    return at >= first && at <= last;
-}
-
 // The record the cell at handle holds, or null when handle lies outside the table or its
 // cell holds nothing or a free-list link.  Its alignment is not tested: an address
 // between two cells reads parts of both (copied bytewise, so that the read itself is
 // sound) - callers pass the handles the engine gave them.
 RelTimerRecord *record_in_cell(void *handle) {
-    if (!in_table(handle)) return nullptr;
+    if (!s_table.contains(handle)) return nullptr;
     void *content = nullptr;
     std::memcpy(&content, handle, sizeof content);
-    if (content == nullptr || in_table(content)) return nullptr;
+    if (content == nullptr || s_table.contains(content)) return nullptr;
     return static_cast<RelTimerRecord *>(content);
 }
 
@@ -160,10 +151,10 @@ RelTimerRecord *record_of(void *handle) {
 
 // True while the record's cell still holds it.
 bool holds(const RelTimerRecord *record) {
-    return record->index < s_cells && g_szRelTimer[record->index] == record;
+    return record->index < s_table.count && g_szRelTimer[record->index] == record;
 }
 
-void release_cell(void **cell) { append_free_cell(cell, g_pRelHead, g_pRelTail); }
+void release_cell(void **cell) { s_table.release_cell(cell); }
 
 // Releases the cell of a live record and queues the release of the record; 12 when the
 // tasklet cannot be allocated, and then nothing changes.
@@ -343,23 +334,10 @@ void free_wheel_records() {
     }
 }
 
-// Frees the records of the cells that still hold one: timers created but not in the wheel.
-void free_table_records() {
-    for (uint32_t i = 0; i < s_cells; ++i) {
-        void *content = g_szRelTimer[i];
-        if (content == nullptr || in_table(content)) continue;
-        qel::heap_free(content);
-        count_down(g_reltmNum);
-    }
-}
-
+// Forgets the table and its free list.
 void forget_table() {
-    if (g_szRelTimer != nullptr) {
-        (void)memset_s(g_szRelTimer, s_cells * sizeof(void *), 0, s_cells * sizeof(void *));
-        qel::heap_free(g_szRelTimer);
-    }
-    g_szRelTimer = g_pRelHead = g_pRelTail = nullptr;
-    s_cells = 0;
+    s_table.discard();
+    g_pRelHead = g_pRelTail = nullptr;
 }
 
 }  // namespace
@@ -368,15 +346,31 @@ void forget_table() {
 
 namespace qel::timer {
 
-void chain_cells(void **table, uint32_t cells, void **&head, void **&tail) {
-    for (uint32_t i = 0; i + 1 < cells; ++i) table[i] = &table[i + 1];
-    table[cells - 1] = nullptr;
+bool HandleTable::contains(const void *address) const {
+    if (cells == nullptr || count == 0) return false;
+    const auto at = reinterpret_cast<uintptr_t>(address);
+    return at >= reinterpret_cast<uintptr_t>(cells) &&
+           at <= reinterpret_cast<uintptr_t>(cells + (count - 1));
+}
+
+uint32_t HandleTable::build(uint32_t wanted) {
+    discard();
+    const uint64_t bytes = static_cast<uint64_t>(wanted) * sizeof(void *);
+    auto **table = bytes != 0 && bytes <= UINT32_MAX
+                       ? static_cast<void **>(qel::heap_alloc(static_cast<uint32_t>(bytes)))
+                       : nullptr;
+    if (table == nullptr) return no_memory();
+    for (uint32_t i = 0; i + 1 < wanted; ++i) table[i] = &table[i + 1];
+    table[wanted - 1] = nullptr;
     store(head, &table[0]);
-    store(tail, &table[cells - 1]);
+    store(tail, &table[wanted - 1]);
+    cells = table;
+    count = wanted;
+    return 0;
 }
 
 // Cells are written atomically: the absolute module reads them without its lock.
-void append_free_cell(void **cell, void **&head, void **&tail) {
+void HandleTable::release_cell(void **cell) {
     void **const oldTail = load(tail);
     if (oldTail == nullptr)
         store(head, cell);
@@ -384,6 +378,24 @@ void append_free_cell(void **cell, void **&head, void **&tail) {
         store(*oldTail, static_cast<void *>(cell));
     store(tail, cell);
     store(*cell, static_cast<void *>(nullptr));
+}
+
+void HandleTable::free_records(int32_t &counter) {
+    for (uint32_t i = 0; i < count; ++i) {
+        void *content = cells[i];
+        if (content == nullptr || contains(content)) continue;
+        qel::heap_free(content);
+        count_down(counter);
+    }
+}
+
+void HandleTable::discard() {
+    if (cells != nullptr) {
+        (void)memset_s(cells, count * sizeof(void *), 0, count * sizeof(void *));
+        qel::heap_free(cells);
+    }
+    cells = nullptr;
+    count = 0;
 }
 
 void name_creator(void *handle, uint32_t line, const char *name) {
@@ -394,11 +406,6 @@ void name_creator(void *handle, uint32_t line, const char *name) {
     if (record == nullptr) return;
     record->line = line;
     record->name = name;
-}
-
-uint32_t table_bytes(uint32_t cells) {
-    const uint64_t bytes = static_cast<uint64_t>(cells) * sizeof(void *);
-    return bytes > UINT32_MAX ? 0 : static_cast<uint32_t>(bytes);
 }
 
 }  // namespace qel::timer
@@ -414,14 +421,7 @@ uint32_t init_RelIndex(void) {
     s_indexLock.marker1 = s_indexLock.marker2 = 0xFFFFFFFFu;  // set up: no lazy set-up
     IndexLock locked;
     forget_table();
-    const uint32_t cells = load(ulMaxReltmNum);
-    const uint32_t bytes = table_bytes(cells);
-    auto **table = bytes != 0 ? static_cast<void **>(qel::heap_alloc(bytes)) : nullptr;
-    if (table == nullptr) return no_memory();
-    chain_cells(table, cells, g_pRelHead, g_pRelTail);
-    g_szRelTimer = table;
-    s_cells = cells;
-    return 0;
+    return s_table.build(load(ulMaxReltmNum));
 }
 
 uint32_t init_reltm(void) {
@@ -453,7 +453,8 @@ uint32_t delinit_reltm(void) {
     {
         IndexLock locked;
         if (s_wheel != nullptr) free_wheel_records();
-        if (g_szRelTimer != nullptr) free_table_records();
+        // Then the timers created but not in the wheel.
+        s_table.free_records(g_reltmNum);
         if (s_wheel != nullptr) {
             forget_table();
             qel::heap_free(s_wheel);
