@@ -154,8 +154,6 @@ bool holds(const RelTimerRecord *record) {
     return record->index < s_table.count && g_szRelTimer[record->index] == record;
 }
 
-void release_cell(void **cell) { s_table.release_cell(cell); }
-
 // Releases the cell of a live record and queues the release of the record; 12 when the
 // tasklet cannot be allocated, and then nothing changes.
 uint32_t free_timer(RelTimerRecord *record);
@@ -298,7 +296,7 @@ void free_arg_tasklet(void *block) { qel::heap_free(block); }
 uint32_t free_timer(RelTimerRecord *record) {
     TaskletEntry *entry = new_tasklet(free_tasklet, record);
     if (entry == nullptr) return no_memory();
-    release_cell(&g_szRelTimer[record->index]);
+    s_table.release_cell(&g_szRelTimer[record->index]);
     queue_last(&s_queue, entry);
     count_down(g_reltmNum);
     return 0;
@@ -326,7 +324,7 @@ void free_wheel_records() {
             while (!is_empty(list)) {
                 RelTimerRecord *record = record_at(list->next);
                 unlink(link_of(record));
-                if (holds(record)) release_cell(&g_szRelTimer[record->index]);
+                s_table.release_cell(&g_szRelTimer[record->index]);
                 qel::heap_free(record);
                 count_down(g_reltmNum);
             }
