@@ -198,6 +198,43 @@ inline std::vector<uint32_t> sleeps() {
     return c.sleeps;
 }
 
+// ---- A look into relative timers --------------------------------------------------------------
+
+// The fields of a relative timer record, in their order.
+struct RelTimerView {
+    RelTimerView *next;  // the wheel list holding it, or the record itself
+    RelTimerView *prev;
+    uint32_t interval;
+    uint32_t due;  // slot in the low 10 bits, turns x 1024 above
+    ZEPO_TIMEOUT_FUNC pfnTimeout;
+    void *arg;
+    uint32_t mode;
+    uint32_t list;  // 0 near list, 1 turn list
+    uint32_t index;
+    uint32_t line;
+    const char *name;
+};
+
+// The record a relative handle's cell holds.
+inline const RelTimerView &rel_timer(void *handle) {
+    return **static_cast<RelTimerView **>(handle);
+}
+
+// An address from the first to the last cell of the relative handle table.
+inline bool in_rel_table(const void *address) {
+    if (g_szRelTimer == nullptr) return false;
+    const auto at = reinterpret_cast<uintptr_t>(address);
+    const auto first = reinterpret_cast<uintptr_t>(g_szRelTimer);
+    return at >= first && at < first + uintptr_t{ulMaxReltmNum} * sizeof(void *);
+}
+
+// The handle's cell holds a live timer (not nothing, not a link of the free list).
+inline bool holds_rel_timer(void *handle) {
+    if (!in_rel_table(handle)) return false;
+    void *content = *static_cast<void **>(handle);
+    return content != nullptr && !in_rel_table(content);
+}
+
 // ---- Numbered cycles and the firings seen in them --------------------------------------------
 //
 // Tests that count firings number the driver's cycles: advance() runs one cycle of one tick

@@ -128,37 +128,6 @@ std::vector<Firing> firings() {
 
 // ---- Looking at timers and blocks -----------------------------------------------------------
 
-bool in_table(const void *address) {
-    if (g_szRelTimer == nullptr) return false;
-    const auto at = reinterpret_cast<uintptr_t>(address);
-    const auto first = reinterpret_cast<uintptr_t>(g_szRelTimer);
-    return at >= first && at < first + uintptr_t{ulMaxReltmNum} * sizeof(void *);
-}
-
-// The handle's cell holds a live timer (not nothing, not a link of the free list).
-bool holds_timer(void *handle) {
-    if (!in_table(handle)) return false;
-    void *content = *static_cast<void **>(handle);
-    return content != nullptr && !in_table(content);
-}
-
-// The fields of a relative timer record, in their order.
-struct RelTimerView {
-    RelTimerView *next;
-    RelTimerView *prev;
-    uint32_t interval;
-    uint32_t due;
-    ZEPO_TIMEOUT_FUNC pfnTimeout;
-    void *arg;
-    uint32_t mode;
-    uint32_t list;
-    uint32_t index;
-    uint32_t line;
-    const char *name;
-};
-
-const RelTimerView &record_of(void *handle) { return **static_cast<RelTimerView **>(handle); }
-
 bool is_live(const void *block) {
     MemoryState &m = memory_state();
     std::lock_guard<std::mutex> hold(m.lock);
@@ -387,10 +356,10 @@ TEST_F(TimerGroups, StartStoresTheMembersSettingsAndStartsItsTimer) {
     EXPECT_EQ(member.mode, 1u);
     EXPECT_EQ(member.interval, 30u);
     EXPECT_EQ(member.pfnGroupTimeout, note_member);
-    EXPECT_TRUE(holds_timer(member.handle));
+    EXPECT_TRUE(holds_rel_timer(member.handle));
     EXPECT_EQ(member.active, 1u);
     EXPECT_EQ(g_reltmNum, 1) << "a member's timer is counted like any other";
-    const RelTimerView &timer = record_of(member.handle);
+    const RelTimerView &timer = rel_timer(member.handle);
     EXPECT_EQ(timer.pfnTimeout, ZEPO_TimeoutFuncOfGrp);
     EXPECT_EQ(timer.mode, 0u) << "periodic, whatever the member's mode";
     ASSERT_NE(timer.name, nullptr);
@@ -457,7 +426,7 @@ TEST_F(TimerGroups, MemberWhoseTimerCannotStartGives0x2016003DAndKeepsTheCreated
     EXPECT_EQ(ZEPO_StartRelTimerofGrp(group, 1, 20, 6, 0), kStartFailed);
     fail_allocation(0);
     void *const orphan = group->members[1].handle;
-    EXPECT_TRUE(holds_timer(orphan)) << "the created timer is left in the member";
+    EXPECT_TRUE(holds_rel_timer(orphan)) << "the created timer is left in the member";
     EXPECT_EQ(group->members[1].active, 0u);
     EXPECT_EQ(group->members[1].interval, 20u);
     EXPECT_EQ(g_reltmNum, 1);
@@ -474,7 +443,7 @@ TEST_F(TimerGroups, MemberWhoseTimerCannotStartGives0x2016003DAndKeepsTheCreated
     EXPECT_EQ(cycles_of(1, 7), std::vector<uint32_t>{start + 2});
     EXPECT_EQ(ZEPO_FreeRelTimerGrp(group), 0u);
     EXPECT_EQ(g_reltmNum, 1) << "the group frees only the timer it still knows";
-    EXPECT_TRUE(holds_timer(orphan));
+    EXPECT_TRUE(holds_rel_timer(orphan));
     // The engine's stop frees the forgotten one (checked by the fixture).
 }
 
@@ -583,7 +552,7 @@ TEST_F(TimerGroups, StopStopsAndFreesTheTimerAndTheMemberKeepsItsSettings) {
     EXPECT_EQ(member.mode, 1u);
     EXPECT_EQ(member.interval, 30u);
     EXPECT_EQ(stop_requests(), std::vector<void *>{handle});
-    EXPECT_FALSE(holds_timer(handle)) << "freed: its handle is invalid at once";
+    EXPECT_FALSE(holds_rel_timer(handle)) << "freed: its handle is invalid at once";
     EXPECT_EQ(g_reltmNum, 0);
     run_through(start + 20);
     EXPECT_EQ(cycles_of(1, 5).size(), 1u);
@@ -619,7 +588,7 @@ TEST_F(TimerGroups, RefusedStopGives0x20160043AndLeavesTheMemberRunning) {
     fail_allocation(0);
     EXPECT_EQ(group->members[0].handle, handle);
     EXPECT_EQ(group->members[0].active, 1u);
-    EXPECT_TRUE(holds_timer(handle));
+    EXPECT_TRUE(holds_rel_timer(handle));
     run_through(start + 4);
     EXPECT_EQ(cycles_of(0, 5), every(start + 1, 2, 2));
     EXPECT_EQ(ZEPO_StopRelTimerofGrp(group, 0), 0u);
@@ -640,7 +609,7 @@ TEST_F(TimerGroups, RefusedFreeGives0x20160043AndLeavesTheMemberActive) {
     EXPECT_EQ(stop_requests(), std::vector<void *>{handle});
     EXPECT_EQ(group->members[0].handle, handle);
     EXPECT_EQ(group->members[0].active, 1u);
-    EXPECT_TRUE(holds_timer(handle));
+    EXPECT_TRUE(holds_rel_timer(handle));
     EXPECT_EQ(g_reltmNum, 1);
     run_through(start + 6);
     EXPECT_EQ(cycles_of(0, 5), std::vector<uint32_t>{start + 1}) << "its stop went through";
@@ -697,7 +666,7 @@ TEST_F(TimerGroups, FreeOfANullOrInvalidGroupIsRefused) {
     group->valid = 2;
     EXPECT_EQ(ZEPO_FreeRelTimerGrp(group), kFreeInvalidGroup);
     EXPECT_TRUE(releases().empty());
-    EXPECT_TRUE(holds_timer(group->members[0].handle));
+    EXPECT_TRUE(holds_rel_timer(group->members[0].handle));
     group->valid = 1;
     EXPECT_EQ(ZEPO_FreeRelTimerGrp(group), 0u);
 }
@@ -719,8 +688,8 @@ TEST_F(TimerGroups, FreeFreesRunningMembersWithoutStoppingThemAndReleasesTheReco
     EXPECT_EQ(ZEPO_FreeRelTimerGrp(group), 0u);
     EXPECT_TRUE(stop_requests().empty()) << "members are freed without a stop";
     EXPECT_EQ(g_reltmNum, 0);
-    EXPECT_FALSE(holds_timer(first));
-    EXPECT_FALSE(holds_timer(third));
+    EXPECT_FALSE(holds_rel_timer(first));
+    EXPECT_FALSE(holds_rel_timer(third));
     EXPECT_EQ(releases(), (std::vector<void *>{members, group})) << "members first, then group";
     EXPECT_TRUE(is_live(group)) << "released on the driver, at its next tick";
     EXPECT_TRUE(is_live(members));
@@ -750,8 +719,8 @@ TEST_F(TimerGroups, RefusedMemberFreeGives0x20160048AndLeavesTheGroupAsItIs) {
     EXPECT_EQ(members[1].handle, second);
     EXPECT_EQ(members[0].active, 1u);
     EXPECT_EQ(members[1].active, 1u);
-    EXPECT_TRUE(holds_timer(first));
-    EXPECT_TRUE(holds_timer(second));
+    EXPECT_TRUE(holds_rel_timer(first));
+    EXPECT_TRUE(holds_rel_timer(second));
     EXPECT_EQ(g_reltmNum, 2);
     EXPECT_TRUE(releases().empty());
     run_through(start + 3);
@@ -772,8 +741,8 @@ TEST_F(TimerGroups, RefusalAtALaterMemberReturnsAtOnceAndTheEarlierMemberStaysFr
     fail_allocation(2);  // the second member's free cannot be queued
     EXPECT_EQ(ZEPO_FreeRelTimerGrp(group), kFreeFailed);
     fail_allocation(0);
-    EXPECT_FALSE(holds_timer(first));
-    EXPECT_TRUE(holds_timer(second));
+    EXPECT_FALSE(holds_rel_timer(first));
+    EXPECT_TRUE(holds_rel_timer(second));
     EXPECT_EQ(members[0].handle, first) << "left as it was";
     EXPECT_EQ(group->members, members);
     EXPECT_EQ(g_reltmNum, 1);

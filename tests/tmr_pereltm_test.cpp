@@ -36,42 +36,13 @@ constexpr const char *kCreator = "rel_sensor.c";
 
 // ---- A look into a timer record ------------------------------------------------------------
 
-// The fields of a relative timer record, in their order.
-struct RelTimerView {
-    RelTimerView *next;  // the wheel list holding it, or the record itself
-    RelTimerView *prev;
-    uint32_t interval;
-    uint32_t due;  // slot in the low 10 bits, turns x 1024 above
-    ZEPO_TIMEOUT_FUNC pfnTimeout;
-    void *arg;
-    uint32_t mode;
-    uint32_t list;  // 0 near list, 1 turn list
-    uint32_t index;
-    uint32_t line;
-    const char *name;
-};
-
-const RelTimerView &record_of(void *handle) { return **static_cast<RelTimerView **>(handle); }
 uint32_t slot_of(const RelTimerView &record) { return record.due & (kSlots - 1); }
 uint32_t turns_of(const RelTimerView &record) { return record.due / kSlots; }
 bool in_no_list(const RelTimerView &record) {
     return record.next == &record && record.prev == &record;
 }
 
-bool in_table(const void *address) {
-    if (g_szRelTimer == nullptr) return false;
-    const auto at = reinterpret_cast<uintptr_t>(address);
-    const auto first = reinterpret_cast<uintptr_t>(g_szRelTimer);
-    return at >= first && at < first + uintptr_t{ulMaxReltmNum} * sizeof(void *);
-}
-
 void *content_of(void *cell) { return *static_cast<void **>(cell); }
-
-// The cell holds a timer record (not nothing, not a link of the free list).
-bool holds_timer(void *handle) {
-    void *content = content_of(handle);
-    return content != nullptr && !in_table(content);
-}
 
 void *cell(uint32_t index) { return &g_szRelTimer[index]; }
 
@@ -106,7 +77,7 @@ std::atomic<void *> g_watched{nullptr};
 
 void note_done(void *arg) {
     void *watched = g_watched.load();
-    const bool unlinked = watched != nullptr && in_no_list(record_of(watched));
+    const bool unlinked = watched != nullptr && in_no_list(rel_timer(watched));
     std::lock_guard<std::mutex> hold(g_doneLock);
     g_doneCalls.push_back({arg, static_cast<uint64_t>(pthread_self()), unlinked, g_cycle.load()});
 }
@@ -255,10 +226,10 @@ TEST_F(RelTimers, LongestNearIntervalIs10234MsAnd10235MsIsTheFirstInATurnList) {
     void *nearTimer = start_one_shot(10234, tag(1));
     void *turnTimer = start_one_shot(10235, tag(2));
     advance();
-    const RelTimerView &nearRecord = record_of(nearTimer);
+    const RelTimerView &nearRecord = rel_timer(nearTimer);
     EXPECT_EQ(nearRecord.list, 0u);
     EXPECT_EQ(nearRecord.due, (counter + 1023) & (kSlots - 1));
-    const RelTimerView &turnRecord = record_of(turnTimer);
+    const RelTimerView &turnRecord = rel_timer(turnTimer);
     EXPECT_EQ(turnRecord.list, 1u);
     // 1024 ticks lead to the current slot, processed right after the start: its turn is gone.
     EXPECT_EQ(turnRecord.due, counter & (kSlots - 1));
@@ -272,7 +243,7 @@ TEST_F(RelTimers, TenSecondTimerLandsInTheCurrentSlotAndFires1024TicksLater) {
     const uint32_t start = next_cycle();
     void *handle = start_one_shot(10240, tag(1));
     advance();
-    const RelTimerView &record = record_of(handle);
+    const RelTimerView &record = rel_timer(handle);
     EXPECT_EQ(record.list, 1u);
     EXPECT_EQ(slot_of(record), counter_at(start) & (kSlots - 1));
     EXPECT_EQ(turns_of(record), 0u) << "its one turn passes in the cycle that starts it";
@@ -287,12 +258,12 @@ TEST_F(RelTimers, TimerOfOneTurnAndATickWaitsItsTurnInTheNextSlot) {
     const uint32_t start = next_cycle();
     void *handle = start_one_shot(10250, tag(1));
     advance();
-    const RelTimerView &record = record_of(handle);
+    const RelTimerView &record = rel_timer(handle);
     EXPECT_EQ(record.list, 1u);
     EXPECT_EQ(slot_of(record), (counter_at(start) + 1) & (kSlots - 1));
     EXPECT_EQ(turns_of(record), 1u);
     advance();
-    EXPECT_EQ(turns_of(record_of(handle)), 0u) << "the slot's first visit takes the turn";
+    EXPECT_EQ(turns_of(rel_timer(handle)), 0u) << "the slot's first visit takes the turn";
     run_through(start + 1027);
     EXPECT_EQ(cycles_of(tag(1)), std::vector<uint32_t>{start + 1025});
 }
@@ -304,10 +275,10 @@ TEST_F(RelTimers, TwentyAndThirtySecondTimersWaitTwoAndThreeTurns) {
     void *thirty = start_one_shot(30720, tag(30));
     advance();
     // Both in the current slot's turn list, the later one's turns counted from the first.
-    EXPECT_EQ(record_of(twenty).list, 1u);
-    EXPECT_EQ(record_of(twenty).due, kSlots * 1 + (counter_at(start) & (kSlots - 1)));
-    EXPECT_EQ(record_of(thirty).list, 1u);
-    EXPECT_EQ(record_of(thirty).due, kSlots * 1 + (counter_at(start) & (kSlots - 1)));
+    EXPECT_EQ(rel_timer(twenty).list, 1u);
+    EXPECT_EQ(rel_timer(twenty).due, kSlots * 1 + (counter_at(start) & (kSlots - 1)));
+    EXPECT_EQ(rel_timer(thirty).list, 1u);
+    EXPECT_EQ(rel_timer(thirty).due, kSlots * 1 + (counter_at(start) & (kSlots - 1)));
     run_through(start + 3075);
     EXPECT_EQ(cycles_of(tag(20)), std::vector<uint32_t>{start + 2048});
     EXPECT_EQ(cycles_of(tag(30)), std::vector<uint32_t>{start + 3072});
@@ -322,14 +293,14 @@ TEST_F(RelTimers, IntervalsNearTwoToThe32WrapWhenRoundedAndTheLongestWaitsItsTur
     void *longest = start_one_shot(0xFFFFFFFAu, tag(1));
     advance();
     const uint32_t ticks = 429496729u;  // (2^32 - 1) / 10
-    const RelTimerView &record = record_of(longest);
+    const RelTimerView &record = rel_timer(longest);
     EXPECT_EQ(record.list, 1u);
     EXPECT_EQ(slot_of(record), (counter_at(start) + ticks) & (kSlots - 1));
     EXPECT_EQ(turns_of(record), ticks / kSlots);
     run_through(start + (ticks & (kSlots - 1)) + 1);  // past its slot's first visit
     for (uint32_t ms : {0xFFFFFFFBu, 0xFFFFFFFCu, 0xFFFFFFFFu})
         EXPECT_EQ(cycles_of(tag(ms)), std::vector<uint32_t>{start + 1}) << ms << " ms";
-    EXPECT_EQ(turns_of(record_of(longest)), ticks / kSlots - 1);
+    EXPECT_EQ(turns_of(rel_timer(longest)), ticks / kSlots - 1);
     EXPECT_TRUE(cycles_of(tag(1)).empty());
 }
 
@@ -340,8 +311,8 @@ TEST_F(RelTimers, OneShotTimerFiresOnceAfterItsTicksAndStaysCreated) {
     void *handle = start_one_shot(50, tag(1));
     run_through(start + 20);
     EXPECT_EQ(cycles_of(tag(1)), std::vector<uint32_t>{start + 5});
-    ASSERT_TRUE(holds_timer(handle)) << "a one-shot timer of mode 1 stays allocated";
-    EXPECT_TRUE(in_no_list(record_of(handle)));
+    ASSERT_TRUE(holds_rel_timer(handle)) << "a one-shot timer of mode 1 stays allocated";
+    EXPECT_TRUE(in_no_list(rel_timer(handle)));
     const uint32_t again = next_cycle();
     EXPECT_EQ(petimer_start_reltimer(handle, 30, tag(2)), 0u);
     run_through(again + 10);
@@ -373,12 +344,12 @@ TEST_F(RelTimers, AutoFreeTimerFiresOnceAndFreesItself) {
 TEST_F(RelTimers, ModeThreeFreesItselfLikeModeTwo) {
     const size_t blocks = live_blocks();
     void *handle = create(3);
-    EXPECT_EQ(record_of(handle).mode, 3u);
+    EXPECT_EQ(rel_timer(handle).mode, 3u);
     const uint32_t start = next_cycle();
     ASSERT_EQ(petimer_start_reltimer(handle, 30, tag(1)), 0u);
     run_through(start + 3);
     EXPECT_EQ(cycles_of(tag(1)), std::vector<uint32_t>{start + 3});
-    EXPECT_FALSE(holds_timer(handle));
+    EXPECT_FALSE(holds_rel_timer(handle));
     EXPECT_EQ(g_reltmNum, countBefore_);
     advance();
     EXPECT_EQ(live_blocks(), blocks);
@@ -390,9 +361,9 @@ TEST_F(RelTimers, OnlyTheLowEightBitsOfTheModeCount) {
     void *periodic = create(256);
     void *autoFree = create(0x102);
     void *allBits = create(-1);
-    EXPECT_EQ(record_of(periodic).mode, 0u);
-    EXPECT_EQ(record_of(autoFree).mode, 2u);
-    EXPECT_EQ(record_of(allBits).mode, 0xFFu);
+    EXPECT_EQ(rel_timer(periodic).mode, 0u);
+    EXPECT_EQ(rel_timer(autoFree).mode, 2u);
+    EXPECT_EQ(rel_timer(allBits).mode, 0xFFu);
     const uint32_t start = next_cycle();
     ASSERT_EQ(petimer_start_reltimer(periodic, 20, tag(1)), 0u);
     ASSERT_EQ(petimer_start_reltimer(autoFree, 20, tag(2)), 0u);
@@ -400,9 +371,9 @@ TEST_F(RelTimers, OnlyTheLowEightBitsOfTheModeCount) {
     run_through(start + 9);
     EXPECT_EQ(cycles_of(tag(1)), every(start + 2, 3, 3)) << "256 is periodic";
     EXPECT_EQ(cycles_of(tag(2)), std::vector<uint32_t>{start + 2});
-    EXPECT_FALSE(holds_timer(autoFree)) << "0x102 frees itself";
+    EXPECT_FALSE(holds_rel_timer(autoFree)) << "0x102 frees itself";
     EXPECT_EQ(cycles_of(tag(3)), std::vector<uint32_t>{start + 2});
-    EXPECT_FALSE(holds_timer(allBits)) << "0xFF has bit value 2: it frees itself";
+    EXPECT_FALSE(holds_rel_timer(allBits)) << "0xFF has bit value 2: it frees itself";
 }
 
 TEST_F(RelTimers, TenMillisecondPeriodicTimerFiresEveryTwoTicks) {
@@ -489,18 +460,18 @@ TEST_F(RelTimers, FewerTurnsStartedLaterIntoTheSameSlotGoFirstAndShortenTheNextD
     void *c = start_one_shot(20680, tag(3));
     advance(2);
     const uint32_t slot = (counter_at(start) + 2068) & (kSlots - 1);
-    EXPECT_EQ(record_of(a).due, 2 * kSlots + slot);
-    EXPECT_EQ(record_of(b).due, slot) << "the same turns as the entry before it";
-    EXPECT_EQ(record_of(c).due, slot);
+    EXPECT_EQ(rel_timer(a).due, 2 * kSlots + slot);
+    EXPECT_EQ(rel_timer(b).due, slot) << "the same turns as the entry before it";
+    EXPECT_EQ(rel_timer(c).due, slot);
     const uint32_t later = next_cycle();
     // 1042 ticks from two cycles later: one turn, the same slot.
     void *d = start_one_shot(10420, tag(4));
     advance();
-    EXPECT_EQ(slot_of(record_of(d)), slot);
-    EXPECT_EQ(record_of(d).due, kSlots + slot);
-    EXPECT_EQ(record_of(a).due, kSlots + slot) << "a's turns now count from d";
-    EXPECT_EQ(record_of(b).due, slot);
-    EXPECT_EQ(record_of(c).due, slot);
+    EXPECT_EQ(slot_of(rel_timer(d)), slot);
+    EXPECT_EQ(rel_timer(d).due, kSlots + slot);
+    EXPECT_EQ(rel_timer(a).due, kSlots + slot) << "a's turns now count from d";
+    EXPECT_EQ(rel_timer(b).due, slot);
+    EXPECT_EQ(rel_timer(c).due, slot);
     run_through(start + 2070);
     EXPECT_EQ(cycles_of(tag(4)), std::vector<uint32_t>{later + 1042});
     EXPECT_EQ(fired_in(start + 2068), (std::vector<void *>{tag(1), tag(2), tag(3)}));
@@ -530,9 +501,9 @@ protected:
         last_ = start_one_shot(20580, tag(3));
         advance();
         slot_ = (counter_at(start_) + 1034) & (kSlots - 1);
-        EXPECT_EQ(record_of(first_).due, kSlots + slot_);
-        EXPECT_EQ(record_of(middle_).due, kSlots + slot_);
-        EXPECT_EQ(record_of(last_).due, slot_);
+        EXPECT_EQ(rel_timer(first_).due, kSlots + slot_);
+        EXPECT_EQ(rel_timer(middle_).due, kSlots + slot_);
+        EXPECT_EQ(rel_timer(last_).due, slot_);
     }
 
     uint32_t start_ = 0;
@@ -546,8 +517,8 @@ TEST_F(TurnHandOver, StoppingTheMiddleEntryKeepsTheNextEntrysFiringTick) {
     start_three();
     ASSERT_EQ(petimer_stop_reltimer_safe(middle_, nullptr, nullptr), 0u);
     advance();
-    EXPECT_EQ(record_of(last_).due, kSlots + slot_);
-    EXPECT_TRUE(in_no_list(record_of(middle_)));
+    EXPECT_EQ(rel_timer(last_).due, kSlots + slot_);
+    EXPECT_TRUE(in_no_list(rel_timer(middle_)));
     run_through(start_ + 2060);
     EXPECT_EQ(cycles_of(tag(1)), std::vector<uint32_t>{start_ + 1034});
     EXPECT_TRUE(cycles_of(tag(2)).empty());
@@ -558,7 +529,7 @@ TEST_F(TurnHandOver, FreeingTheMiddleEntryKeepsTheNextEntrysFiringTick) {
     start_three();
     ASSERT_EQ(petimer_free_reltimer(middle_), 0u);
     advance();
-    EXPECT_EQ(record_of(last_).due, kSlots + slot_);
+    EXPECT_EQ(rel_timer(last_).due, kSlots + slot_);
     run_through(start_ + 2060);
     EXPECT_EQ(cycles_of(tag(1)), std::vector<uint32_t>{start_ + 1034});
     EXPECT_TRUE(cycles_of(tag(2)).empty());
@@ -569,7 +540,7 @@ TEST_F(TurnHandOver, StoppingTheFirstEntryKeepsTheNextEntrysFiringTick) {
     start_three();
     ASSERT_EQ(petimer_stop_reltimer_safe(first_, nullptr, nullptr), 0u);
     advance();
-    EXPECT_EQ(record_of(middle_).due, 2 * kSlots + slot_);
+    EXPECT_EQ(rel_timer(middle_).due, 2 * kSlots + slot_);
     run_through(start_ + 2060);
     EXPECT_TRUE(cycles_of(tag(1)).empty());
     EXPECT_EQ(fired_in(start_ + 2058), (std::vector<void *>{tag(2), tag(3)}));
@@ -580,7 +551,7 @@ TEST_F(TurnHandOver, FreeingTheFirstEntryKeepsTheNextEntrysFiringTick) {
     start_three();
     ASSERT_EQ(petimer_free_reltimer(first_), 0u);
     advance();
-    EXPECT_EQ(record_of(middle_).due, 2 * kSlots + slot_);
+    EXPECT_EQ(rel_timer(middle_).due, 2 * kSlots + slot_);
     run_through(start_ + 2060);
     EXPECT_TRUE(cycles_of(tag(1)).empty());
     EXPECT_EQ(fired_in(start_ + 2058), (std::vector<void *>{tag(2), tag(3)}));
@@ -590,10 +561,10 @@ TEST_F(TurnHandOver, FreeingTheFirstEntryKeepsTheNextEntrysFiringTick) {
 TEST_F(TurnHandOver, StoppingTheFirstEntryAfterItsTurnPassedKeepsTheNextEntrysFiringTick) {
     start_three();
     run_through(start_ + 12);  // the slot's first visit: the first entry has no turns left
-    EXPECT_EQ(record_of(first_).due, slot_);
+    EXPECT_EQ(rel_timer(first_).due, slot_);
     ASSERT_EQ(petimer_stop_reltimer_safe(first_, nullptr, nullptr), 0u);
     advance();
-    EXPECT_EQ(record_of(middle_).due, kSlots + slot_);
+    EXPECT_EQ(rel_timer(middle_).due, kSlots + slot_);
     run_through(start_ + 2060);
     EXPECT_TRUE(cycles_of(tag(1)).empty());
     EXPECT_EQ(fired_in(start_ + 2058), (std::vector<void *>{tag(2), tag(3)}));
@@ -610,8 +581,8 @@ TEST_F(RelTimers, StartingARunningOneShotTimerRestartsItWithTheNewIntervalAndArg
     run_through(start + 15);
     EXPECT_TRUE(cycles_of(tag(1)).empty());
     EXPECT_EQ(cycles_of(tag(2)), std::vector<uint32_t>{restart + 3});
-    EXPECT_EQ(record_of(handle).interval, 30u);
-    EXPECT_EQ(record_of(handle).arg, tag(2));
+    EXPECT_EQ(rel_timer(handle).interval, 30u);
+    EXPECT_EQ(rel_timer(handle).arg, tag(2));
 }
 
 TEST_F(RelTimers, StartingARunningPeriodicTimerRestartsItsPeriod) {
@@ -648,7 +619,7 @@ TEST_F(RelTimers, StopTakesTheTimerOutAndCallsTheDoneFunctionOnTheDriverThread) 
     EXPECT_TRUE(calls[0].unlinked) << "the done function runs after the timer left the wheel";
     EXPECT_EQ(calls[0].cycle, stop);
     EXPECT_EQ(cycles_of(tag(1)).size(), 1u) << "a stopped timer does not fire";
-    EXPECT_TRUE(holds_timer(handle)) << "a stopped timer stays created";
+    EXPECT_TRUE(holds_rel_timer(handle)) << "a stopped timer stays created";
 }
 
 TEST_F(RelTimers, StoppedTimerCanBeStartedAgain) {
@@ -676,8 +647,8 @@ TEST_F(RelTimers, StopWithoutDoneFunctionAndStopOfAnIdleTimerAreCarriedOut) {
     const std::vector<DoneCall> calls = done_calls();
     ASSERT_EQ(calls.size(), 1u);
     EXPECT_EQ(calls[0].arg, tag(6));
-    EXPECT_TRUE(holds_timer(running));
-    EXPECT_TRUE(holds_timer(idle));
+    EXPECT_TRUE(holds_rel_timer(running));
+    EXPECT_TRUE(holds_rel_timer(idle));
 }
 
 TEST_F(RelTimers, StopExGivesTheArgumentOfTheLastCarriedOutStart) {
@@ -692,8 +663,8 @@ TEST_F(RelTimers, StopExGivesTheArgumentOfTheLastCarriedOutStart) {
     EXPECT_EQ(out, tag(1));
     advance();
     // The start, then the stop.
-    EXPECT_TRUE(in_no_list(record_of(handle)));
-    EXPECT_EQ(record_of(handle).arg, tag(2));
+    EXPECT_TRUE(in_no_list(rel_timer(handle)));
+    EXPECT_EQ(rel_timer(handle).arg, tag(2));
     ASSERT_EQ(done_calls().size(), 1u);
     EXPECT_EQ(done_calls()[0].arg, tag(8));
     ASSERT_EQ(petimer_stop_reltimer_safeEx(handle, nullptr, nullptr, &out), 0u);
@@ -773,7 +744,7 @@ void expect_freed_once_in_own_callback(uint32_t mode, int32_t countBefore) {
     EXPECT_EQ(g_seen.result.load(), 0u);
     EXPECT_EQ(g_seen.after.load(), 22u) << "invalid at once";
     EXPECT_EQ(g_reltmNum, countBefore) << "counted down once";
-    EXPECT_FALSE(holds_timer(handle));
+    EXPECT_FALSE(holds_rel_timer(handle));
     run_through(start + 12);
     EXPECT_EQ(g_seen.calls.load(), 1);
     EXPECT_EQ(live_blocks(), blocks);
@@ -850,8 +821,8 @@ TEST_F(RelTimers, StopInsideAPeriodicCallbackTakesEffect) {
     EXPECT_EQ(g_seen.calls.load(), 1);
     EXPECT_EQ(g_seen.result.load(), 0u);
     EXPECT_EQ(cycles_of(handle), std::vector<uint32_t>{start + 2});
-    ASSERT_TRUE(holds_timer(handle));
-    EXPECT_TRUE(in_no_list(record_of(handle)));
+    ASSERT_TRUE(holds_rel_timer(handle));
+    EXPECT_TRUE(in_no_list(rel_timer(handle)));
 }
 
 // ---- The long-call-back warning --------------------------------------------------------------
@@ -1018,7 +989,7 @@ TEST_F(RelTimers, EveryRequestIsRefusedWhileTheEngineQuits) {
     EXPECT_TRUE(is_live(p.block)) << "a refused block stays the caller's";
     EXPECT_NE(p.createdWhileQuitting, nullptr);
     EXPECT_EQ(g_reltmNum, count);
-    EXPECT_TRUE(holds_timer(p.victim));
+    EXPECT_TRUE(holds_rel_timer(p.victim));
     EXPECT_TRUE(done_calls().empty());
     EXPECT_EQ(cycles_of(tag(9)), every(start + 2, 3, 3)) << "the victim goes on unchanged";
     EXPECT_TRUE(cycles_of(tag(1)).empty());
@@ -1063,7 +1034,7 @@ TEST_F(SmallTable, CreateOnAFullTableGivesNullAndLeavesErrnoAlone) {
 TEST_F(RelTimers, EngineCreatedTimerHasTheMarkerLineNoNameAndIsNotCounted) {
     void *handle = petimer_create_reltimer(note_firing, ZEPO_TIMER_ONESHOT, 1234, kCreator);
     ASSERT_EQ(handle, cell(0));
-    const RelTimerView &record = record_of(handle);
+    const RelTimerView &record = rel_timer(handle);
     EXPECT_EQ(record.line, kNoCreatorLine);
     EXPECT_EQ(record.name, nullptr);
     EXPECT_EQ(record.mode, 1u);
@@ -1079,9 +1050,9 @@ TEST_F(RelTimers, PublicCreationNamesTheTimerAndCountsIt) {
     void *handle = ZEPO_CreateRelTimerM(note_firing, ZEPO_TIMER_ONESHOT, 1234, kCreator);
     ASSERT_EQ(handle, cell(1));
     EXPECT_NE(first, handle);
-    EXPECT_EQ(record_of(handle).line, 1234u);
-    EXPECT_EQ(record_of(handle).name, kCreator);
-    EXPECT_EQ(record_of(handle).index, 1u);
+    EXPECT_EQ(rel_timer(handle).line, 1234u);
+    EXPECT_EQ(rel_timer(handle).name, kCreator);
+    EXPECT_EQ(rel_timer(handle).index, 1u);
     EXPECT_EQ(g_reltmNum, countBefore_ + 1);
 }
 
@@ -1110,7 +1081,7 @@ protected:
         EXPECT_EQ(g_reltmNum, count_);
         EXPECT_EQ(g_pRelHead, head_);
         EXPECT_EQ(g_pRelTail, tail_);
-        EXPECT_TRUE(holds_timer(handle_));
+        EXPECT_TRUE(holds_rel_timer(handle_));
         run_through(start_ + 9);
         EXPECT_EQ(cycles_of(tag(1)), every(start_ + 2, 3, 3));
         EXPECT_TRUE(cycles_of(tag(2)).empty());
@@ -1195,8 +1166,8 @@ TEST_F(RelTimers, PeriodicTimerWhoseRearmCannotBeQueuedStops) {
     fail_allocation(0);
     run_through(start + 20);
     EXPECT_EQ(cycles_of(tag(1)), (std::vector<uint32_t>{start + 2, start + 5}));
-    ASSERT_TRUE(holds_timer(handle));
-    EXPECT_TRUE(in_no_list(record_of(handle)));
+    ASSERT_TRUE(holds_rel_timer(handle));
+    EXPECT_TRUE(in_no_list(rel_timer(handle)));
     const uint32_t again = next_cycle();
     ASSERT_EQ(petimer_start_reltimer(handle, 10, tag(2)), 0u);
     run_through(again + 3);
@@ -1213,13 +1184,13 @@ TEST_F(RelTimers, AutoFreeWithoutMemoryLeavesTheTimerCreated) {
     advance();  // fires; the free that follows finds no memory
     fail_allocation(0);
     EXPECT_EQ(cycles_of(tag(1)), std::vector<uint32_t>{start + 3});
-    EXPECT_TRUE(holds_timer(handle));
+    EXPECT_TRUE(holds_rel_timer(handle));
     EXPECT_EQ(g_reltmNum, count);
     const uint32_t again = next_cycle();
     ASSERT_EQ(petimer_start_reltimer(handle, 10, tag(2)), 0u);
     run_through(again + 3);
     EXPECT_EQ(cycles_of(tag(2)), std::vector<uint32_t>{again + 1});
-    EXPECT_FALSE(holds_timer(handle)) << "this time it freed itself";
+    EXPECT_FALSE(holds_rel_timer(handle)) << "this time it freed itself";
 }
 
 // ---- Fire-and-forget timers ------------------------------------------------------------------
@@ -1231,12 +1202,12 @@ TEST_F(RelTimers, SimpleTimerFiresOnceFreesItselfAndCountsDownUncounted) {
     ASSERT_EQ(petimer_start_reltimer_simple(30, note_firing, tag(1)), 0u);
     EXPECT_EQ(g_reltmNum, countBefore_) << "not counted when created";
     EXPECT_NE(g_pRelHead, head) << "a cell is taken";
-    EXPECT_TRUE(holds_timer(head));
-    EXPECT_EQ(record_of(head).mode, 2u);
+    EXPECT_TRUE(holds_rel_timer(head));
+    EXPECT_EQ(rel_timer(head).mode, 2u);
     run_through(start + 3);
     EXPECT_EQ(cycles_of(tag(1)), std::vector<uint32_t>{start + 3});
     EXPECT_EQ(g_reltmNum, countBefore_ - 1) << "yet counted down when it frees itself";
-    EXPECT_FALSE(holds_timer(head));
+    EXPECT_FALSE(holds_rel_timer(head));
     ASSERT_EQ(ZEPO_StartRelTimer_Simple(10, note_firing, tag(2)), 0u);
     run_through(start + 10);
     EXPECT_EQ(cycles_of(tag(1)).size(), 1u);
@@ -1258,11 +1229,11 @@ TEST_F(RelTimers, SimpleTimerWhoseStartFailsStaysUntilTheEngineStops) {
     fail_allocation(2);  // the record comes first, then the start request
     EXPECT_SERVICE_FAILS(petimer_start_reltimer_simple(30, note_firing, tag(1)), 12u, ENOMEM);
     fail_allocation(0);
-    EXPECT_TRUE(holds_timer(head)) << "the created timer is left in the table";
+    EXPECT_TRUE(holds_rel_timer(head)) << "the created timer is left in the table";
     EXPECT_EQ(live_blocks(), blocks + 1);
     advance(10);
     EXPECT_EQ(firing_count(), 0u);
-    EXPECT_TRUE(holds_timer(head));
+    EXPECT_TRUE(holds_rel_timer(head));
     ASSERT_EQ(ZEPO_StopTimerTask(), 0);
     EXPECT_EQ(live_blocks(), blocksBefore_);
     EXPECT_EQ(g_reltmNum, countBefore_ - 1) << "freed with the engine, and counted down";

@@ -776,25 +776,11 @@ TEST(TimerCreation, CreationIsRefusedWhileTheEngineQuits) {
     EXPECT_EQ(g_abstmNum, 0);
 }
 
-// The last two fields of a relative timer record: the creator's line and name.
-struct CreatorView {
-    void *links[2];
-    uint32_t interval;
-    uint32_t due;
-    ZEPO_TIMEOUT_FUNC pfnTimeout;
-    void *arg;
-    uint32_t mode;
-    uint32_t list;
-    uint32_t index;
-    uint32_t line;
-    const char *name;
-};
-
 TEST(TimerCreation, CreatorsLineAndNameAreWrittenIntoTheTimer) {
     start_scripted();
     void *handle = ZEPO_CreateRelTimerM(note_firing, 0x101, kCreatorLine, kCreator);
     ASSERT_NE(handle, nullptr);
-    const CreatorView &record = **static_cast<CreatorView **>(handle);
+    const RelTimerView &record = rel_timer(handle);
     EXPECT_EQ(record.line, kCreatorLine);
     EXPECT_EQ(record.name, kCreator);
     EXPECT_EQ(record.pfnTimeout, note_firing);
