@@ -404,6 +404,29 @@ inline std::vector<std::string> traces() {
     return t.lines;
 }
 
+// ---- Logs of calls ------------------------------------------------------------------------------
+
+// What call-backs or hooks saw, kept under a lock: note() from any thread, take() hands
+// the entries over and empties the log.
+template <typename T>
+class CallLog {
+public:
+    void note(T entry) {
+        std::lock_guard<std::mutex> hold(lock_);
+        entries_.push_back(std::move(entry));
+    }
+    std::vector<T> take() {
+        std::lock_guard<std::mutex> hold(lock_);
+        std::vector<T> out;
+        out.swap(entries_);
+        return out;
+    }
+
+private:
+    std::mutex lock_;
+    std::vector<T> entries_;
+};
+
 // ---- Waiting ------------------------------------------------------------------------------------
 
 // Polls until done() is true or the limit passes; returns done().

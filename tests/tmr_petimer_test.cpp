@@ -69,20 +69,11 @@ namespace {
 using namespace timer_harness;
 using namespace std::chrono_literals;
 
-std::mutex dispatched_lock;
-std::vector<int64_t> dispatched;
+CallLog<int64_t> dispatched;
 
-void counting_hook(int64_t ticks) {
-    std::lock_guard<std::mutex> hold(dispatched_lock);
-    dispatched.push_back(ticks);
-}
+void counting_hook(int64_t ticks) { dispatched.note(ticks); }
 
-std::vector<int64_t> take_dispatched() {
-    std::lock_guard<std::mutex> hold(dispatched_lock);
-    std::vector<int64_t> out;
-    out.swap(dispatched);
-    return out;
-}
+std::vector<int64_t> take_dispatched() { return dispatched.take(); }
 
 // Starts the engine on the scripted clock and adds the counting hook while the driver is
 // parked in its first sleep.
@@ -291,20 +282,11 @@ TEST(Driver, WorkAcrossTheWrapIsCounted) {
 
 // ---- What a hook is given --------------------------------------------------------------
 
-std::mutex periodic_lock;
-std::vector<int64_t> periodic_calls;
+CallLog<int64_t> periodic_calls;
 
-void periodic_hook(int64_t ticks) {
-    std::lock_guard<std::mutex> hold(periodic_lock);
-    periodic_calls.push_back(ticks);
-}
+void periodic_hook(int64_t ticks) { periodic_calls.note(ticks); }
 
-std::vector<int64_t> take_periodic() {
-    std::lock_guard<std::mutex> hold(periodic_lock);
-    std::vector<int64_t> out;
-    out.swap(periodic_calls);
-    return out;
-}
+std::vector<int64_t> take_periodic() { return periodic_calls.take(); }
 
 TEST(TickHooks, HundredTickHookIsCalledOnTheHundredthTickAndThenWithAllTicksOfALongCycle) {
     start_scripted();

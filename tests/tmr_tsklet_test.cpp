@@ -470,24 +470,17 @@ struct Message {
     pthread_t thread;
 };
 
-std::mutex messages_lock;
-std::vector<Message> messages;
+CallLog<Message> messages;
 
 void keep_message(const char *text) {
     Message m;
     m.text = text;
     std::memcpy(m.buffer.data(), text, m.buffer.size());
     m.thread = pthread_self();
-    std::lock_guard<std::mutex> hold(messages_lock);
-    messages.push_back(m);
+    messages.note(m);
 }
 
-std::vector<Message> take_messages() {
-    std::lock_guard<std::mutex> hold(messages_lock);
-    std::vector<Message> out;
-    out.swap(messages);
-    return out;
-}
+std::vector<Message> take_messages() { return messages.take(); }
 
 std::atomic<int> other_hook_calls{0};
 void other_hook(const char *) { ++other_hook_calls; }
