@@ -11,6 +11,7 @@
 #include "qel_file.h"
 #include "qel_string.h"
 #include "qel_memory.h"
+#include "qel_mem_engine.h"
 #include "qel_mutex.h"
 #include "qel_thread.h"
 #include "qel_sem.h"

@@ -1,9 +1,11 @@
-// memory.cpp - memory entry points.
+// memory.cpp - memory entry points and the switch of the tracked allocator.
 //
 // Every block of the library and of its callers is obtained and released here.  A
 // process-wide mode decides what serves the calls: the C heap until the tracked
-// allocator is switched on.  The mode is read without a lock by every entry point;
-// switching while other threads allocate is not supported, so it needs none.
+// allocator is switched on, then the tracked allocator (memory_tracked.cpp), whose
+// reports the four report wrappers reach only while it is on.  The mode is read without
+// a lock by every entry point; switching while other threads allocate is not supported,
+// so it needs none.
 
 #include <atomic>
 #include <cstdlib>
@@ -11,6 +13,7 @@
 #include <malloc.h>
 
 #include "os_frame.h"
+#include "qel_mem_engine.h"
 #include "qel_bounds.h"
 
 namespace {
@@ -49,14 +52,36 @@ void plain_free(void *ptr, uint32_t, uint32_t, const char *) { free(ptr); }
 
 constexpr HeapMode kPlainHeap = {plain_alloc, plain_calloc, plain_align, plain_free};
 
-// 0: the C heap serves the entry points (the initial mode); 1: the tracked allocator,
-// whose calls are then in s_trackedHeap.  Both are set only by the allocator's switch.
-std::atomic<int> s_memEnabled{0};
-const HeapMode *s_trackedHeap = nullptr;
-
-const HeapMode &heap() {
-    return s_memEnabled.load(std::memory_order_relaxed) != 0 ? *s_trackedHeap : kPlainHeap;
+// Tracked mode: the engine's calls, which take the source position first.  The C heap
+// mode's unsigned count and size are signed there, so values above 2147483647 are refused.
+void *tracked_alloc(uint32_t size, uint32_t type, uint32_t line, const char *file) {
+    return MemAllocMem(file, line, size, type);
 }
+
+void *tracked_calloc(uint32_t count, uint32_t size, uint32_t line, const char *file) {
+    return MemCallocMem(file, line, static_cast<int32_t>(count), static_cast<int32_t>(size));
+}
+
+void *tracked_align(uint32_t alignment, uint32_t size, uint32_t line, const char *file) {
+    return MemAlignMem(file, line, alignment, size);
+}
+
+void tracked_free(void *ptr, uint32_t type, uint32_t line, const char *file) {
+    MemFreeMem(file, line, ptr, type);
+}
+
+constexpr HeapMode kTrackedHeap = {tracked_alloc, tracked_calloc, tracked_align, tracked_free};
+
+// 0: the C heap serves the entry points (the initial mode); 1: the tracked allocator.
+// Set only by the allocator's switch.
+std::atomic<int> s_memEnabled{0};
+
+bool tracking() { return s_memEnabled.load(std::memory_order_relaxed) != 0; }
+
+const HeapMode &heap() { return tracking() ? kTrackedHeap : kPlainHeap; }
+
+// Result of a report wrapper while the tracked allocator is off.
+constexpr uint32_t kReportsOff = 1;
 
 }  // namespace
 
@@ -90,6 +115,39 @@ void ZEPO_MemTypeFreeD(void *ptr, uint32_t type, uint32_t line, const char *file
 
 int32_t ZEPO_MemCmp(const void *lhs, const void *rhs, uint32_t length) {
     return memcmp(lhs, rhs, length);
+}
+
+// ---- The tracked mode's switch and reports ----------------------------------------------
+
+uint32_t ZEPO_MemInitMemMange(void) {
+    if (tracking()) return 0;  // on already: nothing to do
+    if (MemInitManage() != 0) return 1;
+    s_memEnabled.store(1, std::memory_order_relaxed);
+    return 0;
+}
+
+uint32_t ZEPO_MemUnInitMemMange(void) {
+    if (!tracking()) return 0;
+    (void)MemUnInitManage();
+    s_memEnabled.store(0, std::memory_order_relaxed);
+    return 0;
+}
+
+uint32_t ZEPO_MemGetMemStatus(ZEPO_MEM_OUTPUT_FUNC output) {
+    return tracking() ? MemGetMemStats(output) : kReportsOff;
+}
+
+uint32_t ZEPO_MemGetMemRec(int32_t mode, uint32_t key, const char *filter,
+                           ZEPO_MEM_OUTPUT_FUNC output) {
+    return tracking() ? MemGetMemRec(mode, key, filter, output) : kReportsOff;
+}
+
+uint32_t ZEPO_MemGetMemScan(ZEPO_MEM_OUTPUT_FUNC output) {
+    return tracking() ? MemGetMemScan(output) : kReportsOff;
+}
+
+uint32_t ZEPO_MemGetMemoryUseMonitor(ZEPO_MEM_OUTPUT_FUNC output) {
+    return tracking() ? MemGetMemoryUseMonitor(output) : kReportsOff;
 }
 
 }  // extern "C"
