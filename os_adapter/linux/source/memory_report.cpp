@@ -14,6 +14,7 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "memory_tracked.h"
 #include "os_frame.h"
@@ -66,25 +67,12 @@ constexpr uint32_t kSummarySize = 512;
 constexpr uint32_t kStatisticsSize = 256;
 constexpr uint32_t kChunk = 24;
 
-// A C-heap block released on every path out of the scope.
-template <typename T>
-class CHeap {
-public:
-    explicit CHeap(T *p = nullptr) : p_(p) {}
-    ~CHeap() { std::free(p_); }
-    CHeap(const CHeap &) = delete;
-    CHeap &operator=(const CHeap &) = delete;
-    T *get() const { return p_; }
-    T **out() { return &p_; }
-    T *release() {
-        T *p = p_;
-        p_ = nullptr;
-        return p;
-    }
-
-private:
-    T *p_;
+// A C-heap block (not the tracked allocator's), released on every path out of the scope.
+struct CHeapFree {
+    void operator()(void *p) const { std::free(p); }
 };
+template <typename T>
+using CHeap = std::unique_ptr<T, CHeapFree>;
 
 // The cleared text buffer of a listing, a scan or the dump; null when it cannot be had.
 char *new_text_buffer() {
@@ -267,12 +255,13 @@ uint32_t MemGetMemStats(ZEPO_MEM_OUTPUT_FUNC output) {
 // each record shows the status it stored last.
 uint32_t MemGetMemRec(int32_t mode, uint32_t key, const char *filter, ZEPO_MEM_OUTPUT_FUNC output) {
     if (!qel::accepted(output)) return kRefusedReport;
-    CHeap<MemRec> list;
+    MemRec *listed = nullptr;
     uint32_t n = 0;
     if (mode == 0)
-        n = sysMemSortMemInfo(list.out(), nullptr, static_cast<int32_t>(key));
+        n = sysMemSortMemInfo(&listed, nullptr, static_cast<int32_t>(key));
     else if (mode == 1)
-        n = sysMemSortMemInfo(list.out(), filter, static_cast<int32_t>(key));
+        n = sysMemSortMemInfo(&listed, filter, static_cast<int32_t>(key));
+    const CHeap<MemRec> list(listed);
     CHeap<char> text(new_text_buffer());
     if (text.get() == nullptr) return 0;
     output_in_chunks(output, text.get(), list.get(), n);
@@ -287,12 +276,14 @@ uint32_t MemGetMemScan(ZEPO_MEM_OUTPUT_FUNC output) {
     if (!qel::accepted(output)) return kRefusedReport;
     CHeap<char> text(new_text_buffer());
     if (text.get() == nullptr) return 1;
-    CHeap<MemRec> damaged;
-    const uint32_t d = sysMemScanErrMemInfo(damaged.out());
-    output_in_chunks(output, text.get(), damaged.get(), d);
-    CHeap<MemRec> logged;
-    const uint32_t e = sysMemGetErrMemLog(logged.out());
-    output_in_chunks(output, text.get(), logged.get(), e);
+    MemRec *damaged = nullptr;
+    const uint32_t d = sysMemScanErrMemInfo(&damaged);
+    const CHeap<MemRec> damagedHeld(damaged);
+    output_in_chunks(output, text.get(), damaged, d);
+    MemRec *logged = nullptr;
+    const uint32_t e = sysMemGetErrMemLog(&logged);
+    const CHeap<MemRec> loggedHeld(logged);
+    output_in_chunks(output, text.get(), logged, e);
     text.get()[0] = '\0';
     output(text.get(), sysMemLogStringCat(text.get(), kTextSize, kScanEnd, d + e));
     return 0;
