@@ -1,4 +1,6 @@
-// Memory entry points, in the mode where the C heap serves them.
+// Memory entry points: the plain mode, where the C heap serves them, then the switch to the
+// tracked mode and the calls it forwards (each test runs in its own process, so a test that
+// switches the tracked mode on starts from the plain mode and leaves nothing behind).
 
 #include <gtest/gtest.h>
 
@@ -7,7 +9,9 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <vector>
 
+#include "qel_mem_engine.h"
 #include "qel_memory.h"
 
 #include "test_support.h"
@@ -95,13 +99,16 @@ TEST(Memory, AlignedTypeSumOfSizeAndSpareIsTakenIn32Bits) {
     release(block);
 }
 
-TEST(Memory, MallocSFillsWithTheLowByteOfTheFill) {
+// ZEPO_MemTypeMallocS(8, 0x1FF, …) fills with 0xFF bytes: the low byte of the fill.
+void expect_filled_with_low_byte_of_fill() {
     auto *block =
         static_cast<unsigned char *>(ZEPO_MemTypeMallocS(8, 0x1FF, kTypePlain, __LINE__, __FILE__));
     ASSERT_NE(block, nullptr);
     for (int i = 0; i < 8; ++i) EXPECT_EQ(block[i], 0xFF) << i;
     release(block);
 }
+
+TEST(Memory, MallocSFillsWithTheLowByteOfTheFill) { expect_filled_with_low_byte_of_fill(); }
 
 TEST(Memory, MallocSFillsWithZeroAndWithACharacter) {
     auto *zeroed =
@@ -195,4 +202,180 @@ TEST(Memory, MemCmpComparesBytesAsUnsigned) {
     const unsigned char high[] = {0x80};
     const unsigned char low[] = {0x7F};
     EXPECT_GT(ZEPO_MemCmp(high, low, 1), 0);
+}
+
+// ---- The switch and the tracked mode ------------------------------------------------------
+
+namespace {
+
+unsigned g_outputs = 0;
+void count_output(const char *, uint32_t) { ++g_outputs; }
+
+// The live records, copied in position order.
+std::vector<MemRec> live() {
+    MemRec *list = nullptr;
+    const uint32_t n = sysMemSortMemInfo(&list, nullptr, 2);
+    std::vector<MemRec> out(list, list + n);
+    free(list);
+    return out;
+}
+
+std::vector<MemRec> errors() {
+    MemRec *list = nullptr;
+    const uint32_t n = sysMemGetErrMemLog(&list);
+    std::vector<MemRec> out(list, list + n);
+    free(list);
+    return out;
+}
+
+void *address_of(const MemRec &r) { return static_cast<char *>(r.base) + r.offset; }
+
+}  // namespace
+
+TEST(Memory, ReportsReturnOneAndCallNothingWhileTheTrackedModeIsOff) {
+    EXPECT_EQ(ZEPO_MemGetMemStatus(count_output), 1u);
+    EXPECT_EQ(ZEPO_MemGetMemRec(0, 0, nullptr, count_output), 1u);
+    EXPECT_EQ(ZEPO_MemGetMemScan(count_output), 1u);
+    EXPECT_EQ(ZEPO_MemGetMemoryUseMonitor(count_output), 1u);
+    EXPECT_EQ(g_outputs, 0u);
+}
+
+TEST(Memory, SwitchingOnMakesTheReportsAnswer) {
+    ASSERT_EQ(ZEPO_MemInitMemMange(), 0u);
+    EXPECT_EQ(ZEPO_MemGetMemStatus(count_output), 0u);
+    EXPECT_EQ(g_outputs, 1u);
+    EXPECT_EQ(ZEPO_MemGetMemRec(0, 0, nullptr, count_output), 0u);
+    EXPECT_EQ(g_outputs, 2u);  // no live block: the listing end only
+    EXPECT_EQ(ZEPO_MemGetMemScan(count_output), 0u);
+    EXPECT_EQ(g_outputs, 3u);  // nothing damaged, nothing logged: the scan end only
+}
+
+TEST(Memory, ANullOutputFunctionIsRefusedOnlyWhileOn) {
+    EXPECT_EQ(ZEPO_MemGetMemStatus(nullptr), 1u);
+    ASSERT_EQ(ZEPO_MemInitMemMange(), 0u);
+    EXPECT_EQ(ZEPO_MemGetMemStatus(nullptr), 0xFFFFFFFFu);
+    EXPECT_EQ(ZEPO_MemGetMemRec(0, 0, nullptr, nullptr), 0xFFFFFFFFu);
+    EXPECT_EQ(ZEPO_MemGetMemScan(nullptr), 0xFFFFFFFFu);
+    EXPECT_EQ(ZEPO_MemGetMemoryUseMonitor(nullptr), 0xFFFFFFFFu);
+}
+
+TEST(Memory, SwitchingOnASecondTimeDoesNothing) {
+    ASSERT_EQ(ZEPO_MemInitMemMange(), 0u);
+    void *block = ZEPO_MemTypeMallocD(10, kTypePlain, __LINE__, __FILE__);
+    ASSERT_NE(block, nullptr);
+    EXPECT_EQ(ZEPO_MemInitMemMange(), 0u);
+    // The same tables: the block is still known and releases cleanly.
+    ASSERT_EQ(live().size(), 1u);
+    release(block);
+    EXPECT_TRUE(live().empty());
+    EXPECT_TRUE(errors().empty());
+}
+
+TEST(Memory, SwitchingOffGivesTheCHeapBack) {
+    EXPECT_EQ(ZEPO_MemUnInitMemMange(), 0u);  // off already: nothing happens
+    ASSERT_EQ(ZEPO_MemInitMemMange(), 0u);
+    void *tracked = ZEPO_MemTypeMallocD(100, kTypePlain, __LINE__, __FILE__);
+    ASSERT_NE(tracked, nullptr);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(tracked) % 4096, 3996u);  // ends on its guard page
+    release(tracked);
+    EXPECT_EQ(ZEPO_MemUnInitMemMange(), 0u);
+    EXPECT_EQ(ZEPO_MemGetMemStatus(count_output), 1u);
+    void *plain = ZEPO_MemTypeMallocD(100, kTypePlain, __LINE__, __FILE__);
+    ASSERT_NE(plain, nullptr);
+    EXPECT_GE(malloc_usable_size(plain), 100u);  // a block of the C heap again
+    release(plain);
+}
+
+TEST(Memory, TrackedMallocOfZeroBytesGivesNullWithoutARecord) {
+    ASSERT_EQ(ZEPO_MemInitMemMange(), 0u);
+    EXPECT_EQ(ZEPO_MemTypeMallocD(0, kTypePlain, __LINE__, __FILE__), nullptr);
+    EXPECT_EQ(ZEPO_MemTypeMallocS(0, 0, kTypePlain, __LINE__, __FILE__), nullptr);
+    EXPECT_TRUE(live().empty());
+    EXPECT_TRUE(errors().empty());
+}
+
+TEST(Memory, TrackedMallocChargesTheBlockToItsSourcePositionAndType) {
+    ASSERT_EQ(ZEPO_MemInitMemMange(), 0u);
+    void *block = ZEPO_MemTypeMallocD(30, 4, 1234, "app/net/link.c");
+    ASSERT_NE(block, nullptr);
+    const std::vector<MemRec> records = live();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(address_of(records[0]), block);
+    EXPECT_EQ(records[0].size, 30u);
+    EXPECT_EQ(records[0].roundedSize, 32u);
+    EXPECT_EQ(records[0].line, 1234u);
+    EXPECT_STREQ(records[0].file, "link.c");
+    EXPECT_EQ(records[0].type, 4u);
+    release(block);
+}
+
+TEST(Memory, TrackedMallocSFillsWithTheLowByteOfTheFill) {
+    ASSERT_EQ(ZEPO_MemInitMemMange(), 0u);
+    expect_filled_with_low_byte_of_fill();
+}
+
+TEST(Memory, TrackedAlignedTypeIsAnOrdinaryBlockOfTypeCache) {
+    ASSERT_EQ(ZEPO_MemInitMemMange(), 0u);
+    void *block = ZEPO_MemTypeMallocD(10, kTypeAligned, __LINE__, __FILE__);
+    ASSERT_NE(block, nullptr);
+    const std::vector<MemRec> records = live();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].size, 10u);         // no spare bytes in this mode
+    EXPECT_EQ(records[0].roundedSize, 12u);  // aligned to 4 only
+    EXPECT_EQ(records[0].type, 2u);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(block) % 4096, 4096u - 12u);
+    release(block);
+}
+
+TEST(Memory, TrackedAlignIgnoresTheAlignmentAndGivesBlocksAlignedTo128Only) {
+    ASSERT_EQ(ZEPO_MemInitMemMange(), 0u);
+    void *block = ZEPO_MemAlignD(4096, 100, __LINE__, __FILE__);
+    ASSERT_NE(block, nullptr);
+    EXPECT_TRUE(aligned_to(block, 128));
+    EXPECT_FALSE(aligned_to(block, 4096));  // the block ends on its guard page: 128 short of it
+    const std::vector<MemRec> records = live();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].type, 3u);  // "Aln"
+    EXPECT_EQ(records[0].roundedSize, 128u);
+    release(block);
+}
+
+TEST(Memory, TrackedCallocGivesAZeroedBlockAndRefusesCountsAbove2147483647) {
+    ASSERT_EQ(ZEPO_MemInitMemMange(), 0u);
+    EXPECT_EQ(ZEPO_MemCallocD(0x80000000u, 1, __LINE__, __FILE__), nullptr);
+    EXPECT_EQ(ZEPO_MemCallocD(1, 0x80000000u, __LINE__, __FILE__), nullptr);
+    EXPECT_EQ(ZEPO_MemCallocD(0, 8, __LINE__, __FILE__), nullptr);
+    auto *block = static_cast<unsigned char *>(ZEPO_MemCallocD(3, 5, __LINE__, __FILE__));
+    ASSERT_NE(block, nullptr);
+    for (int i = 0; i < 15; ++i) EXPECT_EQ(block[i], 0) << i;
+    const std::vector<MemRec> records = live();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].size, 15u);
+    EXPECT_EQ(records[0].type, 0u);
+    EXPECT_TRUE(errors().empty());  // refusals log nothing
+    release(block);
+}
+
+TEST(Memory, TrackedFreeOfNullDoesNothing) {
+    ASSERT_EQ(ZEPO_MemInitMemMange(), 0u);
+    ZEPO_MemTypeFreeD(nullptr, kTypePlain, __LINE__, __FILE__);
+    EXPECT_TRUE(errors().empty());
+}
+
+TEST(Memory, TrackedFreeOfABlockOfTheCHeapIsLoggedWithItsTypeAndLeftAlone) {
+    ASSERT_EQ(ZEPO_MemInitMemMange(), 0u);
+    auto *foreign = static_cast<unsigned char *>(malloc(64));
+    ASSERT_NE(foreign, nullptr);
+    memset(foreign, 0x5A, 64);
+    ZEPO_MemTypeFreeD(foreign, 5, 77, "dir/owner.c");
+    const std::vector<MemRec> logged = errors();
+    ASSERT_EQ(logged.size(), 1u);
+    EXPECT_EQ(logged[0].base, foreign);
+    EXPECT_EQ(logged[0].size, 0u);
+    EXPECT_EQ(logged[0].type, 5u);
+    EXPECT_EQ(logged[0].line, 77u);
+    EXPECT_STREQ(logged[0].file, "owner.c");
+    EXPECT_EQ(logged[0].status, 4u);
+    EXPECT_EQ(foreign[63], 0x5A);  // not released: still ours, still intact
+    free(foreign);
 }
