@@ -17,6 +17,7 @@
 #include "qel_sem.h"
 #include "qel_time.h"
 #include "qel_socket.h"
+#include "qel_stats.h"
 #include "qel_signal.h"
 #include "qel_queue.h"
 #include "qel_text.h"
