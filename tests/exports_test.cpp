@@ -9,6 +9,8 @@
 #include <sstream>
 #include <string>
 
+#include "qel_version.h"
+
 namespace {
 
 using Names = std::set<std::string>;
@@ -86,10 +88,11 @@ TEST(Exports, BoundsLibraryExportsExactlyItsTwelveFunctions) {
     expect_same(exported_names(QEL_BOUNDS_LIBRARY, "QEL_BOUNDS_1"), listed);
 }
 
-TEST(Exports, AdapterHasVersionedSoname) {
-    const std::string command = std::string("objdump -p ") + QEL_ADAPTER_LIBRARY;
+// The SONAME the library carries, read with objdump.
+std::string soname_of(const char *library) {
+    const std::string command = std::string("objdump -p ") + library;
     FILE *pipe = popen(command.c_str(), "r");
-    ASSERT_NE(pipe, nullptr);
+    if (pipe == nullptr) return "";
     std::string soname;
     char line[512];
     while (fgets(line, sizeof line, pipe) != nullptr) {
@@ -98,5 +101,19 @@ TEST(Exports, AdapterHasVersionedSoname) {
         if (words >> key >> value && key == "SONAME") soname = value;
     }
     pclose(pipe);
-    EXPECT_EQ(soname, "libqel_os_adapter.so.1");
+    return soname;
+}
+
+TEST(Exports, AdapterHasVersionedSoname) {
+    EXPECT_EQ(soname_of(QEL_ADAPTER_LIBRARY), "libqel_os_adapter.so.1");
+}
+
+TEST(Version, MacrosFollowTheProjectVersionAndTheSoname) {
+    EXPECT_STREQ(QEL_OS_ADAPTER_VERSION_STRING, QEL_PROJECT_VERSION);
+    const std::string parts = std::to_string(QEL_OS_ADAPTER_VERSION_MAJOR) + "." +
+                              std::to_string(QEL_OS_ADAPTER_VERSION_MINOR) + "." +
+                              std::to_string(QEL_OS_ADAPTER_VERSION_PATCH);
+    EXPECT_EQ(parts, QEL_OS_ADAPTER_VERSION_STRING);
+    EXPECT_EQ(soname_of(QEL_ADAPTER_LIBRARY),
+              "libqel_os_adapter.so." + std::to_string(QEL_OS_ADAPTER_VERSION_MAJOR));
 }

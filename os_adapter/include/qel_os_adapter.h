@@ -7,6 +7,7 @@
 #ifndef QEL_OS_ADAPTER_H
 #define QEL_OS_ADAPTER_H
 
+#include "qel_version.h"
 #include "qel_frame.h"
 #include "qel_file.h"
 #include "qel_string.h"

@@ -27,4 +27,8 @@ export PKG_CONFIG_PATH=$libdir/pkgconfig
 cc $extra_flags "$source/consumer.c" -o "$work/pc-consumer" $(pkg-config --cflags --libs qel_os_adapter)
 out=$("$work/pc-consumer")
 [ "$out" = "installed copy:14" ] || { echo "pkg-config consumer printed: $out"; exit 1; }
+version=$(sed -n 's/^#define QEL_OS_ADAPTER_VERSION_STRING "\(.*\)"$/\1/p' \
+          "$prefix/include/qel_os_adapter/qel_version.h")
+[ -n "$version" ] && [ "$(pkg-config --modversion qel_os_adapter)" = "$version" ] ||
+  { echo "pkg-config version $(pkg-config --modversion qel_os_adapter) is not the headers' $version"; exit 1; }
 echo "installed copy found by find_package and pkg-config"
