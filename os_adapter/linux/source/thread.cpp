@@ -47,6 +47,17 @@ bool timed_wait_accepted(pthread_cond_t *cond, pthread_mutex_t *mutex, uint32_t 
     return qel::accepted(mutex) && timeoutUs != 0 && qel::accepted(cond);
 }
 
+// The stack-address calls are obsolescent in POSIX but are what these two wrap.  They are
+// looked up when first used rather than referenced: a reference makes every link of the
+// library print glibc's deprecation notice, and the calls behave the same either way.
+using GetStackAddr = int (*)(const pthread_attr_t *, void **);
+using SetStackAddr = int (*)(pthread_attr_t *, void *);
+
+template <typename Fn>
+Fn c_library_call(const char *name) {
+    return reinterpret_cast<Fn>(dlsym(RTLD_DEFAULT, name));
+}
+
 }  // namespace
 
 extern "C" {
@@ -186,19 +197,17 @@ int32_t ZEPO_PthreadAttrSetStacksize(pthread_attr_t *attr, uint32_t size) {
     return pthread_attr_setstacksize(attr, size);
 }
 
-// The stack-address calls are obsolescent in POSIX but are what these two wrap.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 int32_t ZEPO_PthreadAttrGetStackAddr(const pthread_attr_t *attr, void **addr) {
     if (!qel::accepted(attr, addr)) return qel::kRefused;
-    return pthread_attr_getstackaddr(attr, addr);
+    static const auto call = c_library_call<GetStackAddr>("pthread_attr_getstackaddr");
+    return call(attr, addr);
 }
 
 int32_t ZEPO_PthreadAttrSetStackAddr(pthread_attr_t *attr, void *addr) {
     if (!qel::accepted(attr, addr)) return qel::kRefused;
-    return pthread_attr_setstackaddr(attr, addr);
+    static const auto call = c_library_call<SetStackAddr>("pthread_attr_setstackaddr");
+    return call(attr, addr);
 }
-#pragma GCC diagnostic pop
 
 int32_t ZEPO_PthreadGetSchedparam(pthread_t thread, int32_t *policy, struct sched_param *param) {
     if (!qel::accepted(policy, param)) return qel::kRefused;
