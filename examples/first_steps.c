@@ -1,5 +1,6 @@
 /*
- * first_steps.c - the library's string, print and memory functions in one short tour.
+ * first_steps.c - the library's string, print, memory and queue functions in one short
+ * tour.
  *
  * Build and run: bash scripts/run-example.sh
  */
@@ -29,8 +30,8 @@ int main(void) {
     char *loud = ZEPO_StrDupEx(greeting, __LINE__, __FILE__);
     if (loud != NULL) ZEPO_Printf("%s\n", ZEPO_StrToUper(loud));
 
-    /* A zero-filled block, and a comparison. */
-    unsigned char *block = ZEPO_MemTypeMallocS(16, 0, 0, __LINE__, __FILE__);
+    /* A zero-filled block, and a comparison.  QEL_MEM_ZALLOC passes this line and file. */
+    unsigned char *block = QEL_MEM_ZALLOC(16);
     if (block != NULL) {
         static const unsigned char zeros[16];
         ZEPO_Printf("zero-filled block compares %s\n",
@@ -45,8 +46,24 @@ int main(void) {
         ZEPO_Printf("empty format refused; last error still %u: %s\n", ZEPO_GetLastErr(), text);
     }
 
-    ZEPO_MemTypeFreeD(block, 0, __LINE__, __FILE__);
-    ZEPO_MemTypeFreeD(loud, 0, __LINE__, __FILE__);
-    ZEPO_MemTypeFreeD(greeting, 0, __LINE__, __FILE__);
+    /* The 64-bit results refuse with 4294967295, which "< 0" would miss: use its name. */
+    if (ZEPO_Ftell(NULL) == QEL_REFUSED64) ZEPO_Printf("a null stream is refused by ZEPO_Ftell\n");
+
+    /* A queue read returns a byte count or a code: QEL_QUEUE_READ_FAILED tells them apart. */
+    uint32_t queue = 0;
+    if (QEL_QueueCreate("first_steps", 4, &queue, 0, 64) == QEL_QUEUE_OK) {
+        char message[64];
+        QEL_QueueWrite(queue, "ping", 4, 0);
+        uint32_t got = QEL_QueueRead(queue, 10, message, sizeof message);
+        if (!QEL_QUEUE_READ_FAILED(got))
+            ZEPO_Printf("read %u bytes: %.*s\n", got, (int)got, message);
+        got = QEL_QueueRead(queue, 10, message, sizeof message); /* empty now: times out */
+        if (QEL_QUEUE_READ_FAILED(got)) ZEPO_Printf("empty queue: code 0x%08X\n", got);
+        QEL_QueueDelete(queue);
+    }
+
+    QEL_MEM_FREE(block);
+    QEL_MEM_FREE(loud);
+    QEL_MEM_FREE(greeting);
     return 0;
 }

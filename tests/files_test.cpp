@@ -808,6 +808,15 @@ TEST(FilesStream, NullStreamIsRefusedByEveryStreamWrapper) {
     EXPECT_REFUSED(ZEPO_Fileno(nullptr), -1);
 }
 
+TEST(FilesStream, RefusalOfTheSixtyFourBitResultsHasAPositiveName) {
+    EXPECT_EQ(QEL_REFUSED64, kLow32AllOnes);
+    EXPECT_GT(QEL_REFUSED64, 0);  // what a test "< 0" misses
+    EXPECT_EQ(ZEPO_Ftell(nullptr), QEL_REFUSED64);
+    EXPECT_EQ(ZEPO_TellDir(nullptr), QEL_REFUSED64);
+    EXPECT_EQ(ZEPO_Read(0, nullptr, 1), QEL_REFUSED64);
+    EXPECT_EQ(ZEPO_Write(1, nullptr, 1), QEL_REFUSED64);
+}
+
 TEST(FilesStream, FtellOfNullStreamGivesLow32BitsAllOnes) {
     EXPECT_REFUSED(ZEPO_Ftell(nullptr), kLow32AllOnes);
     EXPECT_NE(ZEPO_Ftell(nullptr), INT64_C(-1));

@@ -379,3 +379,37 @@ TEST(Memory, TrackedFreeOfABlockOfTheCHeapIsLoggedWithItsTypeAndLeftAlone) {
     EXPECT_EQ(foreign[63], 0x5A);  // not released: still ours, still intact
     free(foreign);
 }
+
+TEST(Memory, ConvenienceMacrosWorkInThePlainMode) {
+    auto *zeroed = static_cast<unsigned char *>(QEL_MEM_ZALLOC(8));
+    ASSERT_NE(zeroed, nullptr);
+    for (int i = 0; i < 8; ++i) EXPECT_EQ(zeroed[i], 0) << i;
+    void *aligned = QEL_MEM_ALIGNED(10);
+    EXPECT_TRUE(aligned_to(aligned, 128));
+    void *blocks[] = {QEL_MEM_ALLOC(10), QEL_MEM_CALLOC(2, 5), aligned, zeroed};
+    for (void *block : blocks) {
+        EXPECT_NE(block, nullptr);
+        QEL_MEM_FREE(block);
+    }
+}
+
+TEST(Memory, ConvenienceMacrosChargeBlocksToTheCallersLineAndFile) {
+    ASSERT_EQ(ZEPO_MemInitMemMange(), 0u);
+    void *blocks[4];
+    const uint32_t first = __LINE__ + 1;
+    blocks[0] = QEL_MEM_ALLOC(10);
+    blocks[1] = QEL_MEM_ZALLOC(11);
+    blocks[2] = QEL_MEM_CALLOC(3, 4);
+    blocks[3] = QEL_MEM_ALIGNED(13);
+    const std::vector<MemRec> records = live();  // in the order of allocation
+    ASSERT_EQ(records.size(), 4u);
+    for (uint32_t i = 0; i < 4; ++i) {
+        EXPECT_EQ(records[i].line, first + i) << i;
+        EXPECT_STREQ(records[i].file, "memory_test.cpp") << i;
+    }
+    EXPECT_EQ(records[3].type, 3u);  // the aligned block
+    EXPECT_EQ(records[3].size, 13u);
+    for (void *block : blocks) QEL_MEM_FREE(block);
+    EXPECT_TRUE(live().empty());
+    EXPECT_TRUE(errors().empty());  // each released as a tracked block
+}

@@ -1903,3 +1903,25 @@ TEST_F(QueueThreads, ManyWritersAndReadersDeliverEveryMessageOnceAndInOrder) {
 }
 
 }  // namespace
+
+TEST(Queue, ReadFailedTellsEveryReadCodeFromAByteCount) {
+    for (uint32_t code :
+         {QEL_QUEUE_READ_NO_QUEUE, QEL_QUEUE_READ_NULL_BUFFER, QEL_QUEUE_READ_ZERO_SIZE,
+          QEL_QUEUE_READ_TIMEOUT, QEL_QUEUE_READ_TIMEOUT_AFTER_WAKE})
+        EXPECT_TRUE(QEL_QUEUE_READ_FAILED(code)) << std::hex << code;
+    for (uint32_t count : {1u, 4u, 65536u, 0x2004FFFFu, 0x20060000u})
+        EXPECT_FALSE(QEL_QUEUE_READ_FAILED(count)) << std::hex << count;
+}
+
+TEST(Queue, ReadFailedSeparatesARealReadFromARealTimeOut) {
+    uint32_t id = 0;
+    ASSERT_EQ(QEL_QueueCreate("read_failed", 2, &id, 0, 16), QEL_QUEUE_OK);
+    char buffer[16];
+    ASSERT_EQ(QEL_QueueWrite(id, "abc", 3, 0), QEL_QUEUE_OK);
+    const uint32_t got = QEL_QueueRead(id, 10, buffer, sizeof buffer);
+    EXPECT_EQ(got, 3u);
+    EXPECT_FALSE(QEL_QUEUE_READ_FAILED(got));
+    EXPECT_TRUE(QEL_QUEUE_READ_FAILED(QEL_QueueRead(id, 10, buffer, sizeof buffer)));
+    EXPECT_TRUE(QEL_QUEUE_READ_FAILED(QEL_QueueRead(id + 1000, 10, buffer, sizeof buffer)));
+    EXPECT_EQ(QEL_QueueDelete(id), QEL_QUEUE_OK);
+}

@@ -26,6 +26,13 @@
 #include <stdint.h>
 #include <stdio.h>
 
+/*
+ * The refusal value of the 64-bit results of ZEPO_TellDir, ZEPO_Ftell, ZEPO_Read,
+ * ZEPO_Write, ZEPO_Send and ZEPO_Recv: 4294967295, which is positive - a test "< 0"
+ * misses it.  Compare with this name:  if (n == QEL_REFUSED64 || n < 0) ...
+ */
+#define QEL_REFUSED64 ((int64_t)0xFFFFFFFFu)
+
 #ifdef __cplusplus
 extern "C" {
 #endif

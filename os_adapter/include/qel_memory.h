@@ -79,6 +79,22 @@ void ZEPO_MemTypeFreeD(void *ptr, uint32_t type, uint32_t line, const char *file
 /* memcmp(lhs, rhs, length): <0, 0 or >0.  Unchecked. */
 int32_t ZEPO_MemCmp(const void *lhs, const void *rhs, uint32_t length);
 
+/*
+ * Convenience forms: memory type 0 and the caller's own source position (__LINE__ and
+ * __FILE__, a string literal that outlives every block, as the tracked mode needs).
+ *   QEL_MEM_ALLOC(size)         ZEPO_MemTypeMallocD(size, 0, __LINE__, __FILE__)
+ *   QEL_MEM_ZALLOC(size)        ZEPO_MemTypeMallocS(size, 0, 0, __LINE__, __FILE__): zeroed
+ *   QEL_MEM_CALLOC(count, size) ZEPO_MemCallocD(count, size, __LINE__, __FILE__)
+ *   QEL_MEM_ALIGNED(size)       ZEPO_MemAlignD(128, size, __LINE__, __FILE__)
+ *   QEL_MEM_FREE(ptr)           ZEPO_MemTypeFreeD(ptr, 0, __LINE__, __FILE__)
+ * Each argument is evaluated once.
+ */
+#define QEL_MEM_ALLOC(size) ZEPO_MemTypeMallocD((size), 0u, __LINE__, __FILE__)
+#define QEL_MEM_ZALLOC(size) ZEPO_MemTypeMallocS((size), 0, 0u, __LINE__, __FILE__)
+#define QEL_MEM_CALLOC(count, size) ZEPO_MemCallocD((count), (size), __LINE__, __FILE__)
+#define QEL_MEM_ALIGNED(size) ZEPO_MemAlignD(128u, (size), __LINE__, __FILE__)
+#define QEL_MEM_FREE(ptr) ZEPO_MemTypeFreeD((ptr), 0u, __LINE__, __FILE__)
+
 /* ---- The tracked mode ---------------------------------------------------------------- */
 
 /*

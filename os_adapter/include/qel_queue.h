@@ -104,6 +104,16 @@ uint32_t QEL_QueueWrite(uint32_t queueId, const void *message, uint32_t length, 
 uint32_t QEL_QueueRead(uint32_t queueId, uint32_t timeoutMs, void *buffer, uint32_t bufferSize);
 
 /*
+ * True when a result of QEL_QueueRead is one of the codes above rather than a byte count.
+ * Every code is either 0xFFFFFFFF or lies between 0x20050000 and 0x2005FFFF, while a byte
+ * count is at most the message's length, so the two cannot meet as long as maxMsgLen
+ * stays below 0x20050000 (537 MB): messages that large are not worth queuing by copy.
+ * The argument is evaluated twice.
+ */
+#define QEL_QUEUE_READ_FAILED(result) \
+    ((result) == 0xFFFFFFFFu || ((result)&0xFFFF0000u) == 0x20050000u)
+
+/*
  * The number of messages the queue holds, read without a lock, or
  * QEL_QUEUE_COUNT_NO_QUEUE for an unknown id - which a caller cannot tell from a count.
  */
