@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the build into a temporary prefix, then builds and runs a consumer found once
-# through find_package and once through pkg-config.
+# through find_package (strict C11) and once through pkg-config (strict C99).
 # Usage: install_test.sh <build-dir> <consumer-source-dir> <extra C flags...>
 set -euo pipefail
 build=$1 source=$2
@@ -24,7 +24,9 @@ out=$("$work/cmake/consumer")
 echo "== pkg-config"
 export PKG_CONFIG_PATH=$libdir/pkgconfig
 # shellcheck disable=SC2046,SC2086
-cc $extra_flags "$source/consumer.c" -o "$work/pc-consumer" $(pkg-config --cflags --libs qel_os_adapter)
+# Strict C99: the pkg-config flags must bring what the headers need.
+cc -std=c99 -pedantic -Wall -Wextra -Werror $extra_flags "$source/consumer.c" -o "$work/pc-consumer" \
+   $(pkg-config --cflags --libs qel_os_adapter)
 out=$("$work/pc-consumer")
 [ "$out" = "installed copy:14" ] || { echo "pkg-config consumer printed: $out"; exit 1; }
 version=$(sed -n 's/^#define QEL_OS_ADAPTER_VERSION_STRING "\(.*\)"$/\1/p' \
