@@ -1,36 +1,40 @@
 #!/usr/bin/env bash
-# Installs the build into a temporary prefix, then builds and runs a consumer found once
-# through find_package (strict C11) and once through pkg-config (strict C99).
-# Usage: install_test.sh <build-dir> <consumer-source-dir> <extra C flags...>
+# The README's install recipe, exactly: a release build without tests, installed into a
+# prefix; then a consumer built and run against the installed copy through pkg-config
+# (strict C99, the prefix recorded with -Wl,-rpath, no LD_LIBRARY_PATH) and through
+# find_package (strict C11, CMake records the folder).
+# Usage: install_test.sh <source-dir> <consumer-source-dir>
 set -euo pipefail
-build=$1 source=$2
-shift 2
-extra_flags="$*"
+source_dir=$1 consumer=$2
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 prefix=$work/prefix
+unset LD_LIBRARY_PATH
 
-cmake --install "$build" --prefix "$prefix" >/dev/null
-libdir=$(dirname "$(find "$prefix" -name 'libqel_os_adapter.so.1' | head -n 1)")
-export LD_LIBRARY_PATH=$libdir
+echo "== release build"
+cmake -S "$source_dir" -B "$work/release" -DCMAKE_BUILD_TYPE=Release \
+      -DQEL_BUILD_TESTS=OFF -DQEL_BUILD_EXAMPLES=OFF >/dev/null
+cmake --build "$work/release" -j"$(nproc)" >/dev/null
+cmake --install "$work/release" --prefix "$prefix" >/dev/null
+
+echo "== pkg-config"
+pc=$(dirname "$(find "$prefix" -name qel_os_adapter.pc | head -n 1)")
+export PKG_CONFIG_PATH=$pc
+# shellcheck disable=SC2046
+cc -std=c99 -pedantic -Wall -Wextra -Werror "$consumer/consumer.c" -o "$work/pc-consumer" \
+   $(pkg-config --cflags --libs qel_os_adapter) \
+   -Wl,-rpath,"$(pkg-config --variable=libdir qel_os_adapter)"
+out=$("$work/pc-consumer")
+[ "$out" = "installed copy:14" ] || { echo "pkg-config consumer printed: $out"; exit 1; }
 
 echo "== find_package"
-cmake -S "$source" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$prefix" \
-      -DCMAKE_C_FLAGS="$extra_flags" -DCMAKE_EXE_LINKER_FLAGS="$extra_flags" >/dev/null
+cmake -S "$consumer" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/cmake" >/dev/null
 out=$("$work/cmake/consumer")
 [ "$out" = "installed copy:14" ] || { echo "find_package consumer printed: $out"; exit 1; }
 
-echo "== pkg-config"
-export PKG_CONFIG_PATH=$libdir/pkgconfig
-# shellcheck disable=SC2046,SC2086
-# Strict C99: the pkg-config flags must bring what the headers need.
-cc -std=c99 -pedantic -Wall -Wextra -Werror $extra_flags "$source/consumer.c" -o "$work/pc-consumer" \
-   $(pkg-config --cflags --libs qel_os_adapter)
-out=$("$work/pc-consumer")
-[ "$out" = "installed copy:14" ] || { echo "pkg-config consumer printed: $out"; exit 1; }
 version=$(sed -n 's/^#define QEL_OS_ADAPTER_VERSION_STRING "\(.*\)"$/\1/p' \
           "$prefix/include/qel_os_adapter/qel_version.h")
 [ -n "$version" ] && [ "$(pkg-config --modversion qel_os_adapter)" = "$version" ] ||
   { echo "pkg-config version $(pkg-config --modversion qel_os_adapter) is not the headers' $version"; exit 1; }
-echo "installed copy found by find_package and pkg-config"
+echo "installed copy found by pkg-config and find_package"
