@@ -303,20 +303,43 @@ inline std::vector<MemRec> live_records() {
     return out;
 }
 
+// The address a record's block was handed out at (for an error entry: its address).
+inline void *address_of(const MemRec &r) { return static_cast<char *>(r.base) + r.offset; }
+
 // The record of a live block, copied as it stands (no check runs: its status is the one
-// stored last).  False when p is not a live block's address.
-inline bool record_of(void *p, MemRec *out) {
+// stored last).  A failure when p is not a live block's address.
+inline MemRec record(void *p) {
     MemRec *list = nullptr;
     const uint32_t n = sysMemSortMemInfo(&list, nullptr, 2);
-    bool found = false;
-    for (uint32_t i = 0; i < n && !found; ++i) {
-        if (static_cast<char *>(list[i].base) + list[i].offset == p) {
-            *out = list[i];
-            found = true;
+    MemRec found{};
+    bool seen = false;
+    for (uint32_t i = 0; i < n && !seen; ++i) {
+        if (address_of(list[i]) == p) {
+            found = list[i];
+            seen = true;
         }
     }
     std::free(list);
+    EXPECT_TRUE(seen) << p << " is not a live block";
     return found;
+}
+
+// Memory the allocator never handed out, with a chosen word where a block keeps its slot
+// number (address - 8); by default one that names no slot.
+inline void *foreign(uint32_t slotWord = 0xFFFFFFFFu) {
+    alignas(16) static unsigned char area[64];
+    std::memcpy(area + 8, &slotWord, sizeof slotWord);
+    return area + 16;
+}
+
+// The statistics text of MemGetMemStats for these figures.
+inline std::string statistics(uint32_t count, uint32_t highWater, uint32_t userTotal) {
+    char text[256];
+    std::snprintf(text, sizeof text,
+                  "Current mem record cnt: %u\n\rMax mem record cnt: %u\n\rMax mem record limit "
+                  ": %u\n\rUser malloc mem:   %u (Bytes)\n\r",
+                  count, highWater, 2000000u, userTotal);
+    return text;
 }
 
 // The report line of a record, as the listing prints it.

@@ -39,13 +39,6 @@ std::string format(const char *pattern, ...) {
     return text;
 }
 
-std::string statistics(uint32_t count, uint32_t highWater, uint32_t bytes) {
-    return format(
-        "Current mem record cnt: %u\n\rMax mem record cnt: %u\n\rMax mem record limit : "
-        "%u\n\rUser malloc mem:   %u (Bytes)\n\r",
-        count, highWater, 2000000u, bytes);
-}
-
 std::string listing_end(uint32_t records, uint32_t bytes) {
     return format("\r\nTotal malloc mem: %u\r\nThis User malloc mem : %u (bytes)\r\n", records,
                   bytes);
@@ -61,8 +54,6 @@ std::string scan_end(uint32_t count) {
 }
 
 const char *const kSaved = "Save to /data/mem_rec.txt";
-
-void *address_of(const MemRec &r) { return static_cast<char *>(r.base) + r.offset; }
 
 // The line a listing prints for a record.
 std::string line_of(const MemRec &r) {
@@ -122,32 +113,6 @@ void damage_head(void *p) { static_cast<unsigned char *>(p)[-1] ^= 0xFF; }
 
 void set_slot_word(void *p, uint32_t slot) {
     std::memcpy(static_cast<char *>(p) - 8, &slot, sizeof slot);
-}
-
-// An address that is no tracked block, with a readable slot word that names no slot.
-void *foreign() {
-    static unsigned char area[64];
-    set_slot_word(area + 16, 0xFFFFFFFFu);
-    return area + 16;
-}
-
-// The record of a live block, copied (statuses as stored: no check runs).  The copy is
-// taken here rather than through record_of(), whose vector, once inlined, trips g++ 12's
-// -Wfree-nonheap-object.
-MemRec record(void *p) {
-    MemRec found{};
-    bool seen = false;
-    MemRec *list = nullptr;
-    const uint32_t n = sysMemSortMemInfo(&list, nullptr, 2);
-    for (uint32_t i = 0; i < n; ++i) {
-        if (address_of(list[i]) == p) {
-            found = list[i];
-            seen = true;
-        }
-    }
-    std::free(list);
-    EXPECT_TRUE(seen) << p;
-    return found;
 }
 
 // ---- An output function that allocates on another thread ------------------------------------

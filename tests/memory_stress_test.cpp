@@ -127,8 +127,7 @@ std::map<void *, MemRec> records_by_address() {
     MemRec *list = nullptr;
     const uint32_t n = sysMemSortMemInfo(&list, nullptr, 2);
     std::map<void *, MemRec> records;
-    for (uint32_t i = 0; i < n; ++i)
-        records[static_cast<char *>(list[i].base) + list[i].offset] = list[i];
+    for (uint32_t i = 0; i < n; ++i) records[address_of(list[i])] = list[i];
     std::free(list);
     return records;
 }
