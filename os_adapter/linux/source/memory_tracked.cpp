@@ -364,12 +364,15 @@ void *MemReAllocMem(const char *file, uint32_t line, void *old, uint32_t size) {
     }
     void *fresh = sysMemAddUserMem(size, kAlignOrdinary, file, line, QEL_MEM_TYPE_DYN);
     if (fresh == nullptr || old == nullptr) return fresh;
-    // Whichever block is released now, a release that finds nothing is logged here.
-    void *released = sysMemCopyUserMem(fresh, old) == 0 ? old : fresh;
-    if (sysMemDeleteUserMem(released) == QEL_MEM_STATUS_NOFOUND)
-        sysMemLogMemErr(released, 0, file_name_part(file), line, QEL_MEM_TYPE_DYN,
-                        QEL_MEM_STATUS_NOFOUND);
-    return released == old ? fresh : nullptr;
+    // The old block goes once its bytes are in the new one; when the copy is refused the
+    // new block goes instead and the old one stays live.  Either release logs a block it
+    // does not find, as any release does.
+    if (sysMemCopyUserMem(fresh, old) == 0) {
+        MemFreeMem(file, line, old, QEL_MEM_TYPE_DYN);
+        return fresh;
+    }
+    MemFreeMem(file, line, fresh, QEL_MEM_TYPE_DYN);
+    return nullptr;
 }
 
 }  // extern "C"
