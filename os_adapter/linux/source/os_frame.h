@@ -103,6 +103,11 @@ public:
 
     T *get() const { return p_; }
     explicit operator bool() const { return p_ != nullptr; }
+    // Releases the block held, if any, and holds p instead.
+    void reset(T *p) {
+        if (p_ != nullptr) heap_free(p_, where_);
+        p_ = p;
+    }
     T *release() {
         T *p = p_;
         p_ = nullptr;

@@ -203,37 +203,25 @@ bool begins_with_digit(const char *name) { return name[0] >= '0' && name[0] <= '
 template <typename T>
 class Array {
 public:
-    Array() = default;
-    ~Array() { qel::heap_free(items_); }
-    Array(const Array &) = delete;
-    Array &operator=(const Array &) = delete;
-
-    T &operator[](uint32_t i) { return items_[i]; }
-    T *release() {
-        T *items = items_;
-        items_ = nullptr;
-        return items;
-    }
+    T &operator[](uint32_t i) { return items_.get()[i]; }
+    T *release() { return items_.release(); }
 
     // Replaces the block by a new one of capacity entries that starts with the first kept
     // entries of the old one.  False, with the old block kept, when no memory is left or
     // the copy fails; a capacity of 0 asks for nothing and so fails too.
     bool resize(uint32_t capacity, uint32_t kept) {
         const uint32_t bytes = capacity * static_cast<uint32_t>(sizeof(T));
-        T *items = static_cast<T *>(qel::heap_alloc(bytes));
-        if (items == nullptr) return false;
-        if (kept > 0 &&
-            memcpy_s(items, bytes, items_, kept * static_cast<uint32_t>(sizeof(T))) != 0) {
-            qel::heap_free(items);
+        qel::HeapPtr<T> items(static_cast<T *>(qel::heap_alloc(bytes)));
+        if (!items) return false;
+        if (kept > 0 && memcpy_s(items.get(), bytes, items_.get(),
+                                 kept * static_cast<uint32_t>(sizeof(T))) != 0)
             return false;
-        }
-        qel::heap_free(items_);
-        items_ = items;
+        items_.reset(items.release());
         return true;
     }
 
 private:
-    T *items_ = nullptr;
+    qel::HeapPtr<T> items_{nullptr};
 };
 
 // The per-process work arrays grow by 20 entries at a time.
