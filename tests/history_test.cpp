@@ -61,14 +61,7 @@ std::vector<std::string> body_lines(const std::string &text) {
         ADD_FAILURE() << "the dump does not start with the header:\n" << text;
         return lines;
     }
-    size_t from = kHeader.size();
-    while (from < text.size()) {
-        size_t end = text.find('\n', from);
-        end = end == std::string::npos ? text.size() : end + 1;
-        lines.push_back(text.substr(from, end - from));
-        from = end;
-    }
-    return lines;
+    return qel_test::lines_of(text.substr(kHeader.size()));
 }
 
 // The first parameters of the dumped lines, in the order the dump lists them.

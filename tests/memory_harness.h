@@ -173,18 +173,7 @@ inline std::vector<std::string> data_opens() {
 
 inline std::string file_text(const std::string &path);
 
-// The lines of a text, each with its LF (and the CR before it).
-inline std::vector<std::string> lines_of(const std::string &text) {
-    std::vector<std::string> lines;
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        end = end == std::string::npos ? text.size() : end + 1;
-        lines.push_back(text.substr(start, end - start));
-        start = end;
-    }
-    return lines;
-}
+using qel_test::lines_of;
 
 // The lines of a file; empty when the file cannot be read.
 inline std::vector<std::string> file_lines(const std::string &path) {

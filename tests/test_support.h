@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstring>
 #include <string>
+#include <vector>
 
 namespace qel_test {
 
@@ -29,6 +30,20 @@ Fn next_definition(const char *name) {
     auto next = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
     errno = saved;
     return next;
+}
+
+// The lines of a text, each with its LF (and the CR before it); a last piece without LF
+// is a line too.
+inline std::vector<std::string> lines_of(const std::string &text) {
+    std::vector<std::string> lines;
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t end = text.find('\n', start);
+        end = end == std::string::npos ? text.size() : end + 1;
+        lines.push_back(text.substr(start, end - start));
+        start = end;
+    }
+    return lines;
 }
 
 inline int remove_entry(const char *path, const struct stat *, int, struct FTW *) {
