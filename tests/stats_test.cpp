@@ -1634,31 +1634,32 @@ TEST_F(Stats, ThreadsWithoutTaskFoldersOutOfMemoryGives1) {
     }
 }
 
+// The threads of a single-threaded child named name: the child alone, with state code.
+void expect_only_thread(const std::string &name, const Child &child, int32_t code) {
+    const Threads t = proc_threads(name.c_str());
+    ASSERT_EQ(t.result, 0u);
+    EXPECT_EQ(t.entries, (Entries{{child.pid(), code}}));
+}
+
 TEST_F(Stats, ThreadsOfAStoppedChildGiveState4) {
     const std::string name = own_name("stop");
     Child child(name, pause_forever);
     child.stop();
-    const Threads t = proc_threads(name.c_str());
-    ASSERT_EQ(t.result, 0u);
-    EXPECT_EQ(t.entries, (Entries{{child.pid(), 4}}));
+    expect_only_thread(name, child, 4);
 }
 
 TEST_F(Stats, ThreadsOfAZombieChildGiveState3) {
     const std::string name = own_name("zomb");
     Child child(name, exit_at_once);
     child.await_zombie();
-    const Threads t = proc_threads(name.c_str());
-    ASSERT_EQ(t.result, 0u);
-    EXPECT_EQ(t.entries, (Entries{{child.pid(), 3}}));
+    expect_only_thread(name, child, 3);
 }
 
 TEST_F(Stats, ThreadsOfASleepingChildGiveState1) {
     const std::string name = own_name("nap");
     Child child(name, pause_forever);
     ASSERT_TRUE(wait_for_state(child.pid(), 'S'));
-    const Threads t = proc_threads(name.c_str());
-    ASSERT_EQ(t.result, 0u);
-    EXPECT_EQ(t.entries, (Entries{{child.pid(), 1}}));
+    expect_only_thread(name, child, 1);
 }
 
 TEST_F(Stats, ThreadsNameOf20CharactersFindsTheProcessThroughItsFirst15) {
